@@ -1,0 +1,16 @@
+/*
+ * tarnel_util.h - every public header of the library at once.
+ */
+#ifndef TARNEL_UTIL_TARNEL_UTIL_H
+#define TARNEL_UTIL_TARNEL_UTIL_H
+
+#include "tn_types.h"
+#include "tn_alloc.h"
+#include "tn_byte.h"
+#include "tn_mult.h"
+#include "tn_array.h"
+#include "tn_pack.h"
+#include "tn_time.h"
+#include "tn_poll.h"
+
+#endif /* TARNEL_UTIL_TARNEL_UTIL_H */
