@@ -12,5 +12,12 @@
 #include "tn_pack.h"
 #include "tn_time.h"
 #include "tn_poll.h"
+#include "tn_thread.h"
+#include "tn_mutex.h"
+#include "tn_semaphore.h"
+#include "tn_sync.h"
+#include "tn_signal.h"
+#include "tn_net.h"
+#include "tn_scheduler.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */

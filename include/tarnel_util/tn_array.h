@@ -173,8 +173,9 @@ TN_API tn_bool tn_array_remove_end(tn_array *array);
  * range; the sort is not stable. The comparator must not call two equal
  * elements unequal. Returns 1 (at once for fewer than two elements), or 0
  * with the array unchanged if it is failed or its two-element work area
- * cannot be allocated. The depth of the C stack used stays small whatever
- * the input. */
+ * cannot be allocated. Sorted and reversed input use constant stack; only
+ * inputs that drive the sort to quadratic time use more, a few bytes of stack
+ * per element. */
 TN_API tn_bool tn_array_sort(tn_array *array, tn_comparator comparator, void *user);
 
 /* tn_byte_diff of a and b over the number of bytes in the tn_uint32 that

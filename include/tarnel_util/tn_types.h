@@ -62,6 +62,9 @@ typedef int32_t tn_file;
 #define TN_SOCKET_INVALID ((tn_socket)-1)
 #define TN_FILE_INVALID ((tn_file)-1)
 
+/* An unsigned integer as wide as a pointer, for opaque handles. */
+typedef uintptr_t tn_uintptr;
+
 /* A plain int, for the tn_int_array family. */
 typedef int tn_int;
 

@@ -1,0 +1,22 @@
+// Appends for the library's own bookkeeping lists.
+#ifndef TN_COMMON_TN_ARRAY_INTERNAL_H
+#define TN_COMMON_TN_ARRAY_INTERNAL_H
+
+#include <tarnel_util/tn_array.h>
+
+namespace tn {
+
+// Appends count elements, or reports failure and leaves the list as it was.
+// A failed append leaves the content untouched, so dropping the sticky flag
+// restores the list exactly: one refused request must not make a waiter
+// list or a request queue refuse every later one, nor hide what it holds.
+inline bool append_or_keep(tn_array *list, const void *elements, tn_uint32 count)
+{
+    if (tn_array_catn(list, elements, count)) return true;
+    list->failed = 0;
+    return false;
+}
+
+} // namespace tn
+
+#endif
