@@ -1,271 +1,110 @@
 #include <tarnel_util/tn_sync.h>
-
 #include "tn_test_alloc.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <thread>
 #include <vector>
 
 namespace {
-
 using namespace std::chrono_literals;
 using steady = std::chrono::steady_clock;
-
-long long ms_since(steady::time_point t0)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - t0).count();
-}
-
-// True if the caller held m exactly once; releases it. ThreadSanitizer
-// reports the second, failing unlock, so that build checks only the first.
-bool release_held_once(tn_mutex *m)
-{
-#if defined(__SANITIZE_THREAD__)
-    return tn_mutex_unlock(m);
-#else
-    return tn_mutex_unlock(m) && !tn_mutex_unlock(m);
-#endif
-}
-
-template <class Pred> bool eventually(Pred pred)
-{
-    for (auto t0 = steady::now(); !pred(); std::this_thread::sleep_for(1ms))
-        if (ms_since(t0) > 5000) return false;
-    return true;
-}
-
-// How one wait ended; result stays -1 until the waiter returns.
-struct Outcome {
-    std::atomic<int> result{-1};
-    std::atomic<long long> ms{0};
-    std::atomic<bool> held_once{false};
-};
+long long ms_since(steady::time_point t0) { return (steady::now() - t0) / 1ms; }
 
 class Sync : public tn_test::AllocTest {
 protected:
-    void SetUp() override
+    void SetUp() override { AllocTest::SetUp(); ASSERT_TRUE(tn_sync_create(&sync_) && tn_mutex_create(&m_)); }
+    void TearDown() override // releases what a failed test left waiting
     {
-        AllocTest::SetUp();
-        ASSERT_EQ(tn_sync_create(&sync_), 1);
-        ASSERT_EQ(tn_mutex_create(&m_), 1);
+        for (auto &t : threads_) tn_sync_notify_all(&sync_), t.join();
+        tn_sync_free(&sync_), tn_mutex_free(&m_), AllocTest::TearDown();
     }
-    void TearDown() override
+    tn_uint32 listed() { return tn_array_length(&sync_.waiters); } // only while no other thread changes the list
+    // Starts waiter i, holding m_ (time-out 0: none); returns once it is listed and has let m_ go.
+    void start_waiter(int i, tn_uint32 timeout)
     {
-        for (; active_ > 0; std::this_thread::sleep_for(1ms)) tn_sync_notify_all(&sync_); // after a failure
-        for (auto &t : threads_) t.join();
-        EXPECT_EQ(tn_sync_free(&sync_), 1);
-        tn_mutex_free(&m_);
-        AllocTest::TearDown();
-    }
-
-    // The list's length, read under its guard as a notifier reads it.
-    tn_uint32 listed()
-    {
-        tn_mutex_lock(&sync_.guard);
-        tn_uint32 n = tn_array_length(&sync_.waiters);
-        tn_mutex_unlock(&sync_.guard);
-        return n;
-    }
-
-    // A thread that waits with the mutex (negative: without limit) and runs
-    // `after` while it holds the mutex again.
-    void start_waiter(Outcome *out, long long timeout_ms, void (*after)() = nullptr)
-    {
-        ++active_;
-        threads_.emplace_back([this, out, timeout_ms, after] {
-            tn_mutex_lock(&m_);
-            auto t0 = steady::now();
-            tn_bool r = timeout_ms < 0 ? tn_sync_wait(&sync_, &m_)
-                                       : tn_sync_timedwait(&sync_, &m_, static_cast<tn_uint32>(timeout_ms));
-            out->ms = ms_since(t0);
-            if (after) after();
-            out->held_once = release_held_once(&m_);
-            out->result = r;
-            --active_;
+        threads_.emplace_back([=, this] {
+            tn_mutex_lock(&m_), out_[i].result = -1;
+            const auto t0 = steady::now();
+            const tn_bool r = timeout ? tn_sync_timedwait(&sync_, &m_, timeout) : tn_sync_wait(&sync_, &m_);
+            out_[i].ms = ms_since(t0), out_[i].result = tn_mutex_unlock(&m_) ? r : 2;
         });
+        while (out_[i].result == -2) std::this_thread::yield();
+        tn_mutex_lock(&m_), tn_mutex_unlock(&m_);
     }
-
+    bool ended(int i) // within 5 s
+    {
+        for (auto t0 = steady::now(); out_[i].result == -1 && ms_since(t0) < 5000;) std::this_thread::sleep_for(1ms);
+        return out_[i].result != -1;
+    }
     tn_sync sync_{};
     tn_mutex m_{};
     std::vector<std::thread> threads_;
-    std::atomic<int> active_{0};
+    struct { std::atomic<int> result{-2}; std::atomic<long long> ms{0}; } out_[30]; // result 2: mutex not held
 };
-
 } // namespace
 
-TEST_F(Sync, TimedWaitWithoutNotifierTimesOutHoldingTheMutex)
+TEST_F(Sync, AloneATimedWaitExpiresHoldingTheMutexAndARefusedListingSpoilsOnlyItsWait)
 {
-    // The notifies find no waiter and must not be remembered for the next.
-    EXPECT_EQ(tn_sync_notify(&sync_), 1);
-    EXPECT_EQ(tn_sync_notify_all(&sync_), 1);
-    for (tn_uint32 timeout : {0u, 1u, 100u}) {
-        SCOPED_TRACE(timeout);
-        ASSERT_EQ(tn_mutex_lock(&m_), 1);
-        auto t0 = steady::now();
-        EXPECT_EQ(tn_sync_timedwait(&sync_, &m_, timeout), 0);
-        EXPECT_GE(ms_since(t0), timeout == 0 ? 0 : timeout - 1);
-        EXPECT_LT(ms_since(t0), timeout + 2000);
-        EXPECT_EQ(listed(), 0u);
-        EXPECT_TRUE(release_held_once(&m_));
-    }
-}
-
-TEST_F(Sync, NotifyReleasesTheFirstAndRestartsTheOthersTimeout)
-{
-    Outcome first, second;
-    start_waiter(&first, 10000);
-    ASSERT_TRUE(eventually([&] { return listed() == 1; }));
-    start_waiter(&second, 400);
-    ASSERT_TRUE(eventually([&] { return listed() == 2; }));
-    std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(tn_sync_notify(&sync_), 1);
-    ASSERT_TRUE(eventually([&] { return first.result != -1 && second.result != -1; }));
-    EXPECT_EQ(first.result, 1);
-    EXPECT_EQ(second.result, 0);
-    EXPECT_TRUE(first.held_once && second.held_once);
-    // Woken 250 ms in but still listed, the second began a new 400 ms wait.
-    EXPECT_GE(second.ms, 600) << "the time-out did not start again";
-    EXPECT_LT(second.ms, 5000);
-    EXPECT_EQ(listed(), 0u);
-}
-
-TEST_F(Sync, WakeOrderIsArrivalOrder)
-{
-    constexpr int kWaiters = 8;
-    auto outcomes = std::make_unique<Outcome[]>(kWaiters);
-    for (int i = 0; i < kWaiters; ++i) {
-        start_waiter(&outcomes[i], 10000);
-        ASSERT_TRUE(eventually([&] { return listed() == tn_uint32(i + 1); }));
-    }
-    for (int k = 0; k < kWaiters; ++k) {
-        SCOPED_TRACE(k);
-        ASSERT_EQ(tn_sync_notify(&sync_), 1);
-        EXPECT_EQ(listed(), tn_uint32(kWaiters - k - 1));
-        ASSERT_TRUE(eventually([&] { return outcomes[k].result != -1; })) << "waiter " << k << " not released";
-        EXPECT_EQ(outcomes[k].result, 1);
-        EXPECT_TRUE(outcomes[k].held_once);
-        for (int j = k + 1; j < kWaiters; ++j) EXPECT_EQ(outcomes[j].result, -1) << "waiter " << j << " ran early";
-    }
-}
-
-namespace {
-std::atomic<bool> inside{false}, overlapped{false};
-void hold_briefly()
-{
-    if (inside.exchange(true)) overlapped = true;
-    std::this_thread::sleep_for(2ms);
-    inside = false;
-}
-} // namespace
-
-TEST_F(Sync, NotifyAllReleasesEveryWaiterOneAtATime)
-{
-    constexpr int kWaiters = 5;
-    auto outcomes = std::make_unique<Outcome[]>(kWaiters);
-    overlapped = false;
-    for (int i = 0; i < kWaiters; ++i) start_waiter(&outcomes[i], -1, hold_briefly);
-    ASSERT_TRUE(eventually([&] { return listed() == kWaiters; }));
-    EXPECT_EQ(tn_sync_notify_all(&sync_), 1);
-    EXPECT_EQ(listed(), 0u);
-    ASSERT_TRUE(eventually([&] { return active_ == 0; })) << "waiters were left waiting";
-    for (int i = 0; i < kWaiters; ++i) {
-        EXPECT_EQ(outcomes[i].result, 1) << i;
-        EXPECT_TRUE(outcomes[i].held_once) << i;
-    }
-    EXPECT_FALSE(overlapped) << "two waiters held the mutex at once";
-}
-
-TEST_F(Sync, NotifyInTheGapBeforeTheWaitIsNotLostToAnotherReset)
-{
-    // A waiter gives up the mutex only between leaving the guard and
-    // starting to wait, so locking it here lands in that gap or just after.
-    // The notify then races this thread's own wait, which resets the event.
-    for (int round = 0; round < 30; ++round) {
-        SCOPED_TRACE(round);
-        Outcome out;
-        start_waiter(&out, 3000);
-        ASSERT_TRUE(eventually([&] { return listed() == 1; }));
-        ASSERT_EQ(tn_mutex_lock(&m_), 1);
-        EXPECT_EQ(tn_sync_notify(&sync_), 1);
-        EXPECT_EQ(tn_sync_timedwait(&sync_, &m_, 10), 0);
-        EXPECT_TRUE(release_held_once(&m_));
-        ASSERT_TRUE(eventually([&] { return out.result != -1; }));
-        // Stop at the first loss: each costs the full time-out.
-        ASSERT_EQ(out.result, 1) << "the notify was lost after " << out.ms << " ms";
-        ASSERT_LT(out.ms, 2000) << "the notify was seen only when the time-out ended";
-        EXPECT_TRUE(out.held_once);
-        ASSERT_EQ(listed(), 0u);
-    }
-}
-
-TEST_F(Sync, StressEveryConsumedNotifyWakesExactlyOneWaiter)
-{
-    // Long time-outs first: any time-out there is a lost notify. Then short
-    // ones, where a waiter may time out just as a notify takes it: that
-    // notify is spent, so wake-ups may fall short of notifies, never exceed.
-    for (tn_uint32 timeout : {8000u, 2u}) {
-        SCOPED_TRACE(timeout);
-        constexpr int kWaiters = 4, kRounds = 250;
-        std::atomic<long> woken{0}, timed_out{0}, consumed{0}, bad_mutex{0};
-        std::atomic<int> done{0};
-        std::vector<std::thread> threads;
-        for (int w = 0; w < kWaiters; ++w)
-            threads.emplace_back([&] {
-                for (int i = 0; i < kRounds; ++i) {
-                    tn_mutex_lock(&m_);
-                    (tn_sync_timedwait(&sync_, &m_, timeout) ? woken : timed_out)++;
-                    if (!release_held_once(&m_)) ++bad_mutex;
-                }
-                ++done;
-            });
-        for (bool all : {false, true})
-            threads.emplace_back([&, all] {
-                // Short time-outs get notifies about as often as they expire.
-                const auto pause = std::chrono::milliseconds(timeout > 1000 ? all : all ? 5 : 2);
-                for (; done < kWaiters; std::this_thread::sleep_for(pause)) {
-                    // The guard is recursive: holding it across the check and
-                    // the notify makes each counted notify take a waiter.
-                    tn_mutex_lock(&sync_.guard);
-                    if (tn_uint32 n = tn_array_length(&sync_.waiters))
-                        if (all ? tn_sync_notify_all(&sync_) : tn_sync_notify(&sync_)) consumed += all ? n : 1;
-                    tn_mutex_unlock(&sync_.guard);
-                }
-            });
-        for (auto &t : threads) t.join();
-        EXPECT_EQ(woken + timed_out, kWaiters * kRounds);
-        EXPECT_EQ(bad_mutex.load(), 0);
-        EXPECT_EQ(listed(), 0u);
-        EXPECT_LE(woken.load(), consumed.load());
-        if (timeout > 1000) {
-            EXPECT_EQ(timed_out.load(), 0);
-            EXPECT_EQ(woken.load(), consumed.load());
-        }
-    }
-}
-
-TEST_F(Sync, FailuresReportZeroAndLeakNothing)
-{
-    EXPECT_EQ(tn_sync_free(nullptr), 1);
-    tn_test::sweep_alloc_failures([] {
-        tn_sync s;
-        if (!tn_sync_create(&s)) return false;
-        tn_sync_free(&s);
-        return true;
-    });
-    // The first wait on a new object has to grow the list.
+    tn_test::sweep_alloc_failures([] { tn_sync s; return tn_sync_create(&s) && tn_sync_free(&s); });
+    EXPECT_TRUE(tn_sync_free(nullptr) && tn_sync_notify(&sync_) && tn_sync_notify_all(&sync_)); // not remembered
     ASSERT_EQ(tn_mutex_lock(&m_), 1);
-    tn_test::fail_nth_allocation(1);
-    auto t0 = steady::now();
-    EXPECT_EQ(tn_sync_timedwait(&sync_, &m_, 2000), 0);
-    EXPECT_TRUE(tn_test::failure_fired());
-    EXPECT_LT(ms_since(t0), 1000) << "waited although it could not be listed";
-    // One refused listing must not spoil the object: the next wait waits.
-    t0 = steady::now();
-    EXPECT_EQ(tn_sync_timedwait(&sync_, &m_, 60), 0);
-    EXPECT_GE(ms_since(t0), 55);
-    EXPECT_TRUE(release_held_once(&m_));
+    for (tn_uint32 timeout : {5000u, 0u, 100u}) { // the first wait cannot grow the list, so it must not wait
+        tn_test::fail_nth_allocation(timeout == 5000);
+        const auto t0 = steady::now();
+        EXPECT_TRUE(!tn_sync_timedwait(&sync_, &m_, timeout) && tn_mutex_unlock(&m_) && tn_mutex_lock(&m_)) << timeout;
+        const long long ms = ms_since(t0), least = timeout == 5000 ? 0 : timeout; // 0 looks once
+        EXPECT_TRUE(ms + 1 >= least && ms < least + 2000 && listed() == 0) << timeout << ": " << ms << " ms";
+    }
+    EXPECT_TRUE(tn_mutex_unlock(&m_));
+}
+
+TEST_F(Sync, NotifyReleasesInArrivalOrderRestartingTheOthersTimeOutAndNotifyAllReleasesAll)
+{
+    for (int i = 0; i < 5; ++i) start_waiter(i, i < 4 ? 10000 : 400); // the last, woken 250 ms in, waits 400 ms anew
+    std::this_thread::sleep_for(250ms);
+    for (int k = 0; k < 4; ++k) {
+        ASSERT_TRUE(tn_sync_notify(&sync_) && ended(k) && out_[k].result == 1) << k << ": " << out_[k].result;
+        for (int j = k + 1; j < 5; ++j) EXPECT_EQ(out_[j].result, -1) << j << " ended before " << k;
+    }
+    EXPECT_TRUE(ended(4) && out_[4].result == 0 && out_[4].ms >= 600 && listed() == 0) << out_[4].ms;
+    for (int i = 5; i < 10; ++i) start_waiter(i, 0);
+    EXPECT_TRUE(tn_sync_notify_all(&sync_) && listed() == 0);
+    for (int i = 5; i < 10; ++i) EXPECT_TRUE(ended(i) && out_[i].result == 1) << i << ": " << out_[i].result;
+}
+
+TEST_F(Sync, NotifyJustBeforeAnotherWaitersResetIsNotLost)
+{
+    for (int i = 0; i < 30; ++i) { // this thread's own wait resets the event right after the notify
+        start_waiter(i, 3000);
+        EXPECT_TRUE(tn_mutex_lock(&m_) && tn_sync_notify(&sync_) && !tn_sync_timedwait(&sync_, &m_, 10));
+        EXPECT_TRUE(tn_mutex_unlock(&m_));
+        ASSERT_TRUE(ended(i) && out_[i].result == 1 && out_[i].ms < 2000) // the first loss ends it: each costs 3 s
+            << "round " << i << ": " << out_[i].result << " after " << out_[i].ms << " ms";
+    }
+}
+
+TEST_F(Sync, StressEveryNotifyThatTakesAWaiterWakesItAlone)
+{
+    // Long time-outs first: any time-out there is a lost notify. With short ones a waiter may time out just as a
+    // notify takes it: that notify is spent, so wake-ups may fall short of notifies but never exceed them.
+    for (tn_uint32 timeout : {8000u, 2u}) {
+        std::atomic<long> woken{0}, timed_out{0}, notified{0};
+        for (int w = 0; w < 4; ++w)
+            threads_.emplace_back([&] {
+                for (int i = 0; i < 250; ++i) {
+                    (tn_mutex_lock(&m_) && tn_sync_timedwait(&sync_, &m_, timeout) ? woken : timed_out)++;
+                    EXPECT_TRUE(tn_mutex_unlock(&m_));
+                }
+            });
+        for (int i = 0; woken + timed_out < 1000; ++i, std::this_thread::sleep_for(timeout > 1000 ? 0ms : 2ms)) {
+            tn_mutex_lock(&sync_.guard); // held across look and notify, so each counted notify takes a waiter
+            if (tn_uint32 n = tn_array_length(&sync_.waiters))
+                if (i % 4 ? tn_sync_notify(&sync_) : tn_sync_notify_all(&sync_)) notified += i % 4 ? 1 : n;
+            tn_mutex_unlock(&sync_.guard);
+        }
+        for (auto &t : threads_) t.join();
+        threads_.clear();
+        EXPECT_TRUE(listed() == 0 && (timeout > 1000 ? timed_out == 0 && woken == notified : woken <= notified))
+            << timeout << " ms: " << woken << " woken, " << timed_out << " timed out, " << notified << " notified";
+    }
 }

@@ -318,7 +318,7 @@ tn_bool tn_net_process(tn_net *net, tn_int32 timeout_ms)
             const tn_net_task *gone = task_at(&net->remove_list, i);
             tn_uint32 at = tn_net_task_array_find_by_task_id(&net->tasks, gone->id);
             if (at >= tn_array_length(&net->tasks)) continue;
-            tn_poll_remove(&net->poll, gone->socket);
+            tn_poll_remove(&net->poll, task_at(&net->tasks, at)->socket);
             tn_array_remove(&net->tasks, at);
         }
     }
