@@ -17,6 +17,17 @@ inline bool append_or_keep(tn_array *list, const void *elements, tn_uint32 count
     return false;
 }
 
+// Position of the first record of a that match accepts, or the length.
+template <class Record, class Match>
+tn_uint32 find_record(const tn_array *a, Match match)
+{
+    tn_uint32 n = tn_array_length(a);
+    const auto *records = static_cast<const Record *>(tn_array_get(a));
+    for (tn_uint32 i = 0; i < n; ++i)
+        if (match(records[i])) return i;
+    return n;
+}
+
 } // namespace tn
 
 #endif

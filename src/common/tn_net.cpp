@@ -162,20 +162,12 @@ void tn_net_task_set_cancelable(tn_net_task *task, tn_bool cancelable) { task->c
 
 tn_uint32 tn_net_task_array_find(const tn_net_task_array *array, tn_socket socket)
 {
-    tn_uint32 n = tn_array_length(array);
-    const auto *t = static_cast<const tn_net_task *>(tn_array_get(array));
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (t[i].socket == socket) return i;
-    return n;
+    return tn::find_record<tn_net_task>(array, [socket](const tn_net_task &t) { return t.socket == socket; });
 }
 
 tn_uint32 tn_net_task_array_find_by_task_id(const tn_net_task_array *array, tn_uint32 id)
 {
-    tn_uint32 n = tn_array_length(array);
-    const auto *t = static_cast<const tn_net_task *>(tn_array_get(array));
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (t[i].id == id) return i;
-    return n;
+    return tn::find_record<tn_net_task>(array, [id](const tn_net_task &t) { return t.id == id; });
 }
 
 tn_net_task *tn_net_task_array_get_end(const tn_net_task_array *array)

@@ -1,6 +1,7 @@
 #include <tarnel_util/tn_poll.h>
 #include <tarnel_util/tn_time.h>
 
+#include "tn_array_internal.h"
 #include "tn_poll_wait.h"
 
 namespace {
@@ -159,11 +160,7 @@ tn_bool tn_poll_wait_write_abs(tn_poll *poll, tn_socket socket, const tn_time *d
 
 tn_uint32 tn_pollinfo_array_find(const tn_pollinfo_array *array, tn_socket socket)
 {
-    tn_uint32 n = tn_array_length(array);
-    const auto *entries = static_cast<const tn_pollinfo *>(tn_array_get(array));
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (entries[i].socket == socket) return i;
-    return n;
+    return tn::find_record<tn_pollinfo>(array, [socket](const tn_pollinfo &e) { return e.socket == socket; });
 }
 
 tn_pollinfo *tn_pollinfo_array_get_end(const tn_pollinfo_array *array)

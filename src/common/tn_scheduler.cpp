@@ -75,11 +75,7 @@ void tn_scheduled_task_set_id(tn_scheduled_task *task, tn_uint32 id) { task->id 
 
 tn_uint32 tn_scheduled_task_array_find_id(const tn_scheduled_task_array *array, tn_uint32 id)
 {
-    tn_uint32 n = tn_array_length(array);
-    const auto *t = static_cast<const tn_scheduled_task *>(tn_array_get(array));
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (t[i].id == id) return i;
-    return n;
+    return tn::find_record<tn_scheduled_task>(array, [id](const tn_scheduled_task &t) { return t.id == id; });
 }
 
 tn_scheduled_task *tn_scheduled_task_array_get_end(const tn_scheduled_task_array *array)
