@@ -19,5 +19,7 @@
 #include "tn_signal.h"
 #include "tn_net.h"
 #include "tn_scheduler.h"
+#include "tn_str.h"
+#include "tn_wstr.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
