@@ -21,5 +21,7 @@
 #include "tn_scheduler.h"
 #include "tn_str.h"
 #include "tn_wstr.h"
+#include "tn_uchar_array.h"
+#include "tn_wchar_array.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
