@@ -23,5 +23,6 @@
 #include "tn_wstr.h"
 #include "tn_uchar_array.h"
 #include "tn_wchar_array.h"
+#include "tn_utf8.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
