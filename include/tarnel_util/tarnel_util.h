@@ -24,5 +24,7 @@
 #include "tn_uchar_array.h"
 #include "tn_wchar_array.h"
 #include "tn_utf8.h"
+#include "tn_str_array.h"
+#include "tn_str_list.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
