@@ -26,5 +26,6 @@
 #include "tn_utf8.h"
 #include "tn_str_array.h"
 #include "tn_str_list.h"
+#include "tn_csv.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
