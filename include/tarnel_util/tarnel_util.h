@@ -27,5 +27,6 @@
 #include "tn_str_array.h"
 #include "tn_str_list.h"
 #include "tn_csv.h"
+#include "tn_param.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
