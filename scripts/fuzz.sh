@@ -5,8 +5,9 @@
 #   scripts/fuzz.sh [seconds per target]     (default 30)
 #
 # New inputs collect in build/fuzz/corpus/<target>, so later runs go on from
-# there; the seed inputs in fuzz/corpus/<target> are only read. A failing
-# input is saved in build/fuzz/artifacts/ and the script exits non-zero.
+# there; the starting inputs kept in fuzz/corpus/<target> are never written.
+# A failing input is saved in build/fuzz/artifacts/ and the script exits
+# non-zero.
 set -euo pipefail
 
 seconds="${1:-30}"

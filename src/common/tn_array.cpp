@@ -4,12 +4,13 @@
 
 #include <cstring>
 
+#include "tn_checked.h"
+
 namespace {
 
 constexpr tn_uint32 no_position = 0xFFFFFFFFu;
 
-// The size checks sit on every append; the builtin keeps them inline.
-inline bool mult(tn_uint32 a, tn_uint32 b, tn_uint32 *out) { return !__builtin_mul_overflow(a, b, out); }
+bool mult(tn_uint32 a, tn_uint32 b, tn_uint32 *out) { return tn::checked_mult(a, b, out); }
 
 // The one growth step behind every operation that needs room: room for
 // unit * count bytes, at least one eighth more than now, optionally rounded to
@@ -44,6 +45,23 @@ bool offset_within(const tn_array *a, tn_uint32 position, tn_uint32 *offset)
 {
     return position != no_position && mult(position, a->element_size, offset) &&
            *offset < a->length;
+}
+
+// The common end of every append and insert: grow by the rule, open a gap
+// of bytes at offset (no move at the end), copy the elements in. A length
+// beyond 32 bits or storage that cannot grow fails the array.
+tn_bool place(tn_array *a, const void *elements, tn_uint32 bytes, tn_uint32 offset)
+{
+    tn_uint32 total = a->length + bytes;
+    if (total < bytes || !grow(a, 1, total, true)) {
+        a->failed = 1;
+        return 0;
+    }
+    tn_uchar *at = a->data + offset;
+    if (offset < a->length) std::memmove(at + bytes, at, a->length - offset);
+    std::memcpy(at, elements, bytes);
+    a->length = total;
+    return 1;
 }
 
 tn_uint32 count_of(const tn_array *a) { return a->failed ? 0 : a->length / a->element_size; }
@@ -221,21 +239,13 @@ tn_bool tn_array_cat(tn_array *array, const tn_array *source)
     return tn_array_catn(array, source->data, source->length / source->element_size);
 }
 
-// The same steps as inserting at the end, without the tail to move.
 tn_bool tn_array_catn(tn_array *array, const void *elements, tn_uint32 count)
 {
     if (!count) return 1;
     if (array->failed) return 0;
     tn_uint32 bytes;
     if (!mult(count, array->element_size, &bytes)) return 0;
-    tn_uint32 total = array->length + bytes;
-    if (total < bytes || !grow(array, 1, total, true)) {
-        array->failed = 1;
-        return 0;
-    }
-    std::memcpy(array->data + array->length, elements, bytes);
-    array->length = total;
-    return 1;
+    return place(array, elements, bytes, array->length);
 }
 
 tn_bool tn_array_insert(tn_array *array, const tn_array *source, tn_uint32 position)
@@ -256,16 +266,7 @@ tn_bool tn_array_insertn(tn_array *array, const void *elements, tn_uint32 count,
     if (position > array->length / array->element_size) return 0;
     if (!mult(count, array->element_size, &bytes) || !mult(position, array->element_size, &offset))
         return 0;
-    tn_uint32 total = array->length + bytes;
-    if (total < bytes || !grow(array, 1, total, true)) {
-        array->failed = 1;
-        return 0;
-    }
-    tn_uchar *at = array->data + offset;
-    if (offset < array->length) std::memmove(at + bytes, at, array->length - offset);
-    std::memcpy(at, elements, bytes);
-    array->length = total;
-    return 1;
+    return place(array, elements, bytes, offset);
 }
 
 tn_bool tn_array_inserto_in_sort(tn_array *array, const void *element, tn_comparator comparator,

@@ -14,11 +14,7 @@ namespace {
 template <class C>
 tn_uint32 find(const tn_array *a, C c)
 {
-    tn_uint32 n = tn_array_length(a);
-    const C *p = static_cast<const C *>(tn_array_get(a));
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (p[i] == c) return i;
-    return n;
+    return tn::text::chrn(static_cast<const C *>(tn_array_get(a)), tn_array_length(a), c);
 }
 
 template <class C>
@@ -58,6 +54,14 @@ tn_bool insert0(tn_array *a, tn_uint32 position)
     return tn_array_insertn(a, &zero, 1, position);
 }
 
+// The copy forms empty the array first, a failed one too, then append.
+template <class Append>
+tn_bool emptied(tn_array *a, Append append)
+{
+    tn_array_truncate(a);
+    return append();
+}
+
 } // namespace
 
 tn_bool tn_uchar_is_hex(tn_uchar c)
@@ -86,32 +90,27 @@ tn_bool tn_uchar_array_insert0(tn_uchar_array *a, tn_uint32 position) { return i
 
 tn_bool tn_uchar_array_copy(tn_uchar_array *a, const tn_uchar_array *source)
 {
-    tn_array_truncate(a);
-    return tn_array_cat(a, source);
+    return emptied(a, [&] { return tn_array_cat(a, source); });
 }
 
 tn_bool tn_uchar_array_copyn(tn_uchar_array *a, const tn_uchar *c, tn_uint32 n)
 {
-    tn_array_truncate(a);
-    return tn_array_catn(a, c, n);
+    return emptied(a, [&] { return tn_array_catn(a, c, n); });
 }
 
 tn_bool tn_uchar_array_copyn0(tn_uchar_array *a, const tn_uchar *c, tn_uint32 n)
 {
-    tn_array_truncate(a);
-    return catn0(a, c, n);
+    return emptied(a, [&] { return catn0(a, c, n); });
 }
 
 tn_bool tn_uchar_array_copys(tn_uchar_array *a, const tn_uchar *s)
 {
-    tn_array_truncate(a);
-    return tn_uchar_array_cats(a, s);
+    return emptied(a, [&] { return tn_uchar_array_cats(a, s); });
 }
 
 tn_bool tn_uchar_array_copys0(tn_uchar_array *a, const tn_uchar *s)
 {
-    tn_array_truncate(a);
-    return tn_uchar_array_cats0(a, s);
+    return emptied(a, [&] { return tn_uchar_array_cats0(a, s); });
 }
 
 tn_uint32 tn_wchar_array_find(const tn_wchar_array *a, tn_wchar c) { return find(a, c); }

@@ -19,12 +19,6 @@ public:
 
     bool held() const { return held_; }
 
-    void unlock()
-    {
-        if (held_) tn_mutex_unlock(mutex_);
-        held_ = false;
-    }
-
 private:
     tn_mutex *mutex_;
     bool held_;

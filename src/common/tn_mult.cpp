@@ -1,20 +1,8 @@
 #include <tarnel_util/tn_mult.h>
 
-namespace {
+#include "tn_checked.h"
 
-// The compiler's overflow-checked multiply computes the exact product and
-// tells whether it fits, which is precisely the contract; out is written only
-// when it does.
-template <class T>
-tn_bool checked_mult(T a, T b, T *out)
-{
-    T product;
-    if (__builtin_mul_overflow(a, b, &product)) return 0;
-    *out = product;
-    return 1;
-}
-
-} // namespace
+using tn::checked_mult;
 
 tn_bool tn_int16_mult(tn_int16 a, tn_int16 b, tn_int16 *out) { return checked_mult(a, b, out); }
 tn_bool tn_int32_mult(tn_int32 a, tn_int32 b, tn_int32 *out) { return checked_mult(a, b, out); }

@@ -27,7 +27,7 @@ tn_bool clone_list(C *const *list, C ***result)
     *result = nullptr;
     if (!list) return 1;
     tn_uint32 n = entries(list), bytes;
-    if (__builtin_mul_overflow(n + 1u, tn_uint32{sizeof(C *)}, &bytes)) return 0;
+    if (!tn::checked_mult(n + 1u, tn_uint32{sizeof(C *)}, &bytes)) return 0;
     auto **copy = static_cast<C **>(tn_alloc_zero(bytes));
     if (!copy) return 0;
     for (tn_uint32 i = 0; i < n; ++i) {

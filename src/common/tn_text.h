@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "tn_checked.h"
+
 namespace tn::text {
 
 // ASCII letters only: every other value, 0x80 and above included, stays.
@@ -60,7 +62,7 @@ tn_bool clone(const C *source, C **result, tn_uint32 length)
     *result = nullptr;
     if (!source) return 1;
     tn_uint32 bytes;
-    if (__builtin_mul_overflow(length + 1u, tn_uint32{sizeof(C)}, &bytes) || length + 1u == 0) return 0;
+    if (length + 1u == 0 || !checked_mult(length + 1u, tn_uint32{sizeof(C)}, &bytes)) return 0;
     auto *block = static_cast<C *>(tn_alloc(bytes));
     if (!block) return 0;
     copy_counted(block, source, length);

@@ -1,5 +1,4 @@
 #include <tarnel_util/tn_utf8.h>
-#include <tarnel_util/tn_wchar_array.h>
 
 #include <array>
 
@@ -69,19 +68,6 @@ tn_uint32 encode(tn_wchar c, tn_uchar *out)
     return 3;
 }
 
-// Appends one element of `size` bytes as tn_array_catn would, writing in
-// place while the capacity lasts: the same growth, without a call per unit.
-bool append(tn_array *a, const void *element, tn_uint32 size)
-{
-    if (!a->failed && a->capacity - a->length >= size) {
-        auto *to = a->data + a->length;
-        for (tn_uint32 i = 0; i < size; ++i) to[i] = static_cast<const tn_uchar *>(element)[i];
-        a->length += size;
-        return true;
-    }
-    return tn_array_catn(a, element, size / a->element_size) != 0;
-}
-
 } // namespace
 
 tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wchar *destination,
@@ -115,8 +101,7 @@ tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_ar
         step r = decode(source, length, &c, &used);
         if (r == step::illegal) return 0;
         if (r == step::incomplete) return 1;
-        bool appended = array->element_size == sizeof c ? append(array, &c, sizeof c) : tn_wchar_array_cato(array, c);
-        if (!appended) return 0;
+        if (!tn_wchar_array_cato(array, c)) return 0;
         source += used;
         length -= used;
     }
@@ -145,7 +130,7 @@ tn_bool tn_utf8_cat_from_wcs(const tn_wchar *source, tn_uint32 length, tn_uchar_
 {
     for (; length && *source; --length, ++source) {
         tn_uchar encoded[3];
-        if (!append(array, encoded, encode(*source, encoded))) return 0;
+        if (!tn_array_catn(array, encoded, encode(*source, encoded))) return 0;
     }
     return 1;
 }

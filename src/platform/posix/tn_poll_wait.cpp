@@ -8,8 +8,9 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/eventfd.h>
-#include <time.h>
 #include <unistd.h>
+
+#include "tn_monitor.h"
 
 namespace tn::poll_wait {
 namespace {
@@ -42,13 +43,6 @@ int thread_waker()
 
 std::atomic_ref<tn_int32> waiter(tn_poll *p) { return std::atomic_ref<tn_int32>(p->waiter); }
 std::atomic_ref<tn_uint32> wakers(tn_poll *p) { return std::atomic_ref<tn_uint32>(p->wakers); }
-
-tn_int64 monotonic_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<tn_int64>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 short events_for(tn_uint32 requested)
 {
@@ -133,7 +127,8 @@ bool slice(tn_poll *p, tn_pollinfo *entries, tn_uint32 n, tn_uint32 ms)
     nfds_t count = n;
     if (self >= 0) fds[count++] = {self, POLLIN, 0};
 
-    const tn_int64 end = monotonic_ms() + ms;
+    // Only a wait that resumes needs the clock; a look with no time-out never does.
+    const tn_int64 end = ms ? posix::monotonic_ms() + ms : 0;
     int timeout = invalid ? 0 : static_cast<int>(ms);
     for (;;) {
         int ready = ::poll(fds, count, timeout);
@@ -153,7 +148,7 @@ bool slice(tn_poll *p, tn_pollinfo *entries, tn_uint32 n, tn_uint32 ms)
         }
         // Interrupted, or woken by a cancel that was already consumed: wait
         // out the rest of the slice.
-        tn_int64 left = end - monotonic_ms();
+        tn_int64 left = ms ? end - posix::monotonic_ms() : 0;
         if (left <= 0) return true;
         timeout = static_cast<int>(left);
     }
