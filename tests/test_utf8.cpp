@@ -129,6 +129,35 @@ TEST_F(Utf8, CatFormsFailCleanlyWhenTheArrayCannotGrow)
         }), 2);
 }
 
+// Bulk appends must leave the array as one append per character would: same
+// content, same capacity, same number of allocations.
+TEST_F(Utf8, CatFormsGrowAsCharacterAppendsDo)
+{
+    std::string src;
+    for (int i = 0; i < 300; ++i) src += i % 7 ? "plain ascii " : "\xC3\xA9\xE4\xB8\xAD";
+    const tn_uint32 n = static_cast<tn_uint32>(src.size());
+    ASSERT_TRUE(tn_utf8_cat_to_wcs(u(src), n, &w));
+    const wide units = chars(w);
+    for (int form = 0; form < 2; ++form) {
+        tn_array one{}, bulk{};
+        tn_array_init(&one, form ? 1 : 2), tn_array_init(&bulk, form ? 1 : 2);
+        tn_test::reset_counts();
+        for (tn_wchar c : units) {
+            tn_uchar b[4]; tn_uint32 left = 1, k = 0;
+            if (form) tn_utf8_from_wcs(&c, &left, b, 4, &k), tn_array_catn(&one, b, k);
+            else tn_wchar_array_cato(&one, c);
+        }
+        const auto per_char = tn_test::allocations();
+        tn_test::reset_counts();
+        EXPECT_TRUE(form ? tn_utf8_cat_from_wcs(units.data(), static_cast<tn_uint32>(units.size()), &bulk)
+                         : tn_utf8_cat_to_wcs(u(src), n, &bulk));
+        EXPECT_EQ(tn_test::allocations(), per_char) << "form " << form;
+        EXPECT_TRUE(bulk.capacity == one.capacity && tn_array_bytes(&bulk) == tn_array_bytes(&one) &&
+                    !std::memcmp(bulk.data, one.data, tn_array_bytes(&one))) << "form " << form;
+        tn_array_free(&one), tn_array_free(&bulk);
+    }
+}
+
 TEST_F(Utf8, ListedCases)
 {
     struct Case { std::string in; tn_bool r; tn_uint32 left; wide out; }; // out: what the cat form keeps

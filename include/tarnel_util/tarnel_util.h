@@ -28,5 +28,6 @@
 #include "tn_str_list.h"
 #include "tn_csv.h"
 #include "tn_param.h"
+#include "tn_fmt.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */

@@ -141,8 +141,26 @@ tn_bool tn_str_array_copyn(tn_str_array *d, const tn_str_array *s, tn_uint32 n)
 
 tn_bool tn_str_array_copy(tn_str_array *d, const tn_str_array *s) { return tn_str_array_copyn(d, s, count(s)); }
 
+// With room in both records the three appends are plain stores, and
+// nothing can fail or move.
+bool append_in_place(tn_str_array *a, const U *s, tn_uint32 n)
+{
+    tn_array &pool = a->pool, &list = a->entries;
+    if (either_failed(a) || pool.capacity - pool.length <= n || list.capacity - list.length < sizeof(U *) ||
+        pool.element_size != 1 || list.element_size != sizeof(U *))
+        return false;
+    U *at = pool.data + pool.length;
+    if (n) std::memcpy(at, s, n);
+    at[n] = 0;
+    pool.length += n + 1;
+    std::memcpy(list.data + list.length, &at, sizeof at);
+    list.length += sizeof at;
+    return true;
+}
+
 tn_bool tn_str_array_caton(tn_str_array *a, const U *s, tn_uint32 n)
 {
+    if (append_in_place(a, s, n)) return 1;
     U *noted = a->pool.data;
     tn_uint32 at = a->pool.length;
     tn_array_catn(&a->pool, s, n);

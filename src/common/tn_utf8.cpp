@@ -1,6 +1,7 @@
 #include <tarnel_util/tn_utf8.h>
 
 #include <array>
+#include <cstring>
 
 namespace {
 
@@ -68,39 +69,90 @@ tn_uint32 encode(tn_wchar c, tn_uchar *out)
     return 3;
 }
 
+constexpr tn_uint64 high_bits = 0x8080808080808080ull;
+
+// Decodes into out, room characters at most (out null only counts), until
+// the input ends, a sequence is incomplete or illegal, or the room is full;
+// the sequence behind a full room is still judged, so an illegal one fails.
+// Eight ASCII bytes at a time while both sides have room for them.
+struct Run {
+    tn_uint32 count;
+    step end; // done: input used up or room full
+};
+
+Run decode_run(const tn_uchar *&s, tn_uint32 &left, tn_wchar *out, tn_uint32 room)
+{
+    tn_uint32 n = 0;
+    while (left) {
+        tn_uint64 word;
+        if (left >= 8 && room - n >= 8 && (std::memcpy(&word, s, 8), !(word & high_bits))) {
+            if (out)
+                for (int i = 0; i < 8; ++i) out[n + i] = s[i];
+            n += 8, s += 8, left -= 8;
+            continue;
+        }
+        tn_wchar c;
+        tn_uint32 used;
+        step r = decode(s, left, &c, &used);
+        if (r != step::done) return {n, r};
+        if (n == room) break;
+        if (out) out[n] = c;
+        ++n, s += used, left -= used;
+    }
+    return {n, step::done};
+}
+
+// Encodes until the input ends, meets a 0 unit, or the next character would
+// not fit in room bytes. Returns the bytes written.
+tn_uint32 encode_run(const tn_wchar *&s, tn_uint32 &left, tn_uchar *out, tn_uint32 room)
+{
+    tn_uint32 n = 0;
+    while (left && *s) {
+        if (*s < 0x80) {
+            if (n == room) break;
+            out[n++] = static_cast<tn_uchar>(*s);
+        } else {
+            tn_uchar encoded[3];
+            tn_uint32 size = encode(*s, encoded);
+            if (room - n < size) break;
+            for (tn_uint32 i = 0; i < size; ++i) out[n + i] = encoded[i];
+            n += size;
+        }
+        ++s, --left;
+    }
+    return n;
+}
+
 } // namespace
 
 tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wchar *destination,
                        tn_uint32 capacity, tn_uint32 *count)
 {
-    tn_uint32 n = 0, left = *source_length;
-    while (left) {
-        tn_wchar c;
-        tn_uint32 used;
-        step r = decode(source, left, &c, &used);
-        if (r == step::illegal) {
-            *source_length = left;
-            return 0;
-        }
-        if (r == step::incomplete || (destination && n == capacity)) break;
-        if (destination) destination[n] = c;
-        ++n;
-        source += used;
-        left -= used;
-    }
+    tn_uint32 left = *source_length;
+    Run r = decode_run(source, left, destination, destination ? capacity : ~tn_uint32{0});
     *source_length = left;
-    *count = n;
+    if (r.end == step::illegal) return 0;
+    *count = r.count;
     return 1;
 }
 
+// The appends decode straight into the array while its capacity lasts and
+// let the array's own append take the character that needs more room, so
+// the array grows exactly as with one append per character.
 tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_array *array)
 {
     while (length) {
+        if (array->element_size == sizeof(tn_wchar) && !array->failed) {
+            auto *end = reinterpret_cast<tn_wchar *>(array->data + array->length);
+            Run r = decode_run(source, length, end, (array->capacity - array->length) / sizeof(tn_wchar));
+            array->length += r.count * static_cast<tn_uint32>(sizeof(tn_wchar));
+            if (r.end != step::done) return r.end == step::incomplete;
+            if (!length) break;
+        }
         tn_wchar c;
         tn_uint32 used;
         step r = decode(source, length, &c, &used);
-        if (r == step::illegal) return 0;
-        if (r == step::incomplete) return 1;
+        if (r != step::done) return r == step::incomplete;
         if (!tn_wchar_array_cato(array, c)) return 0;
         source += used;
         length -= used;
@@ -111,26 +163,28 @@ tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_ar
 tn_bool tn_utf8_from_wcs(const tn_wchar *source, tn_uint32 *source_length, tn_uchar *destination,
                          tn_uint32 capacity, tn_uint32 *byte_count)
 {
-    tn_uint32 bytes = 0;
-    while (*source_length && *source) {
-        tn_uchar encoded[3];
-        tn_uint32 size = encode(*source, encoded);
-        if (destination && bytes + size >= capacity) break;
-        if (destination)
-            for (tn_uint32 i = 0; i < size; ++i) destination[bytes + i] = encoded[i];
-        bytes += size;
-        ++source;
-        --*source_length;
+    if (destination) {
+        // One byte stays free for the caller's terminator.
+        *byte_count = capacity ? encode_run(source, *source_length, destination, capacity - 1) : 0;
+        return 1;
     }
+    tn_uint32 bytes = 0;
+    for (; *source_length && *source; ++source, --*source_length)
+        bytes += *source < 0x80 ? 1 : *source < 0x800 ? 2 : 3;
     *byte_count = bytes;
     return 1;
 }
 
 tn_bool tn_utf8_cat_from_wcs(const tn_wchar *source, tn_uint32 length, tn_uchar_array *array)
 {
-    for (; length && *source; --length, ++source) {
+    while (length && *source) {
+        if (array->element_size == 1 && !array->failed) {
+            array->length += encode_run(source, length, array->data + array->length, array->capacity - array->length);
+            if (!length || !*source) break;
+        }
         tn_uchar encoded[3];
         if (!tn_array_catn(array, encoded, encode(*source, encoded))) return 0;
+        ++source, --length;
     }
     return 1;
 }
