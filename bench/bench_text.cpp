@@ -1,10 +1,12 @@
 // Text benchmarks: number text against <charconv>, string scans against the
 // C library, UTF-8 conversion against iconv, string-array appends against a
-// vector of strings. Rows of one case sit together: "<case>/<contender>".
+// vector of strings, and the cost of a log call that its level turns away.
+// Rows of one case sit together: "<case>/<contender>".
 
 #include <benchmark/benchmark.h>
 
 #include <tarnel_util/tn_fmt.h>
+#include <tarnel_util/tn_log.h>
 #include <tarnel_util/tn_str.h>
 #include <tarnel_util/tn_str_array.h>
 #include <tarnel_util/tn_utf8.h>
@@ -330,5 +332,18 @@ void str_array_cato_vector(benchmark::State &state)
 
 BENCHMARK(str_array_cato_tn)->Name("str_array_cato/tn");
 BENCHMARK(str_array_cato_vector)->Name("str_array_cato/vector_string");
+
+// ---- The log ----------------------------------------------------------------
+// A debug line at the default level 0: the cost of a call the level turns
+// away, once the log is set up.
+
+void log_turned_away(benchmark::State &state)
+{
+    tn_log_set_level(0);
+    tn_log_d("bench", "never written");
+    for (auto _ : state) tn_log_dv("bench", "value %d", 42);
+}
+
+BENCHMARK(log_turned_away)->Name("log_turned_away/tn");
 
 } // namespace

@@ -34,8 +34,9 @@ execute_process(COMMAND ${NM} -D --undefined-only ${LIB} OUTPUT_VARIABLE undefin
 string(REPLACE "\n" ";" undefined "${undefined}")
 foreach(line IN LISTS undefined)
   string(STRIP "${line}" line)
-  # glibc's own __cxa_finalize and __cxa_atexit belong to the C library.
-  if(line MATCHES "@GLIBC_")
+  # glibc's own __cxa_finalize and __cxa_atexit belong to the C library; a
+  # sanitizer runtime supplies them unversioned.
+  if(line MATCHES "@GLIBC_" OR line MATCHES "^U __cxa_(atexit|finalize)$")
     continue()
   endif()
   if(line MATCHES "(_Znw|_Zna|_Zdl|_Zda|__cxa_|__gxx_personality|_Unwind_|_ZTI|_ZTV|_ZTS|_ZSt)")

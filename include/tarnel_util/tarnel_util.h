@@ -29,5 +29,6 @@
 #include "tn_csv.h"
 #include "tn_param.h"
 #include "tn_fmt.h"
+#include "tn_log.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
