@@ -30,5 +30,6 @@
 #include "tn_param.h"
 #include "tn_fmt.h"
 #include "tn_log.h"
+#include "tn_file.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
