@@ -31,5 +31,7 @@
 #include "tn_fmt.h"
 #include "tn_log.h"
 #include "tn_file.h"
+#include "tn_ip.h"
+#include "tn_socket.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
