@@ -11,7 +11,7 @@ cmake --preset release
 cmake --build --preset release
 cmake --install build/release --prefix "$PWD/build/prefix"
 
-for example in poll_cancel event_loop; do
+for example in poll_cancel event_loop "echo_server --demo"; do
   echo "== $example"
-  "build/prefix/bin/$example"
+  "build/prefix/bin/"$example
 done

@@ -33,5 +33,7 @@
 #include "tn_file.h"
 #include "tn_ip.h"
 #include "tn_socket.h"
+#include "tn_input_buffer.h"
+#include "tn_output_buffer.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
