@@ -244,6 +244,7 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
     }
     const tn_time t = 5;
     EXPECT_FALSE(tn_file_set_time(u(at("none")), &t));
+    EXPECT_FALSE(tn_file_set_time(u(at("d")), &t)) << "a directory does not open for writing";
 
     tn_file_system_status system;
     ASSERT_TRUE(tn_file_get_system_status(u(at("f")), &system));

@@ -291,6 +291,45 @@ TEST_F(Socket, SendFileCopiesWhereTheKernelCannotSplice)
     close(fds[0]);
 }
 
+TEST_F(Socket, SendFileThatFailsMidwayCountsWholeChunksOnly)
+{
+    // A blocking stream whose reader goes away while the call is sending:
+    // the call fails, and of what went out only whole 8192-byte chunks
+    // count, on the zero-copy road (a file) and the copying one (a pipe).
+    const tn_uint64 length = 200000;
+    for (bool from_pipe : {false, true}) {
+        SCOPED_TRACE(from_pipe ? "pipe" : "file");
+        PatternFile f(length);
+        int source = f.fd, fds[2] = {-1, -1}, pair[2];
+        if (from_pipe) {
+            ASSERT_EQ(pipe(fds), 0);
+            ASSERT_GE(fcntl(fds[1], F_SETPIPE_SZ, 1 << 18), 1 << 18);
+            ASSERT_EQ(splice(f.fd, nullptr, fds[1], nullptr, length, 0), static_cast<ssize_t>(length));
+            source = fds[0];
+        }
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        const int small = 4096;
+        setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        tn_bool ok = 1;
+        tn_uint64 count = 0;
+        tn_uint32 error = 0;
+        std::thread sender([&] {
+            ok = tn_socket_send_file(pair[0], source, 0, length, &count);
+            error = tn_socket_get_last_error();
+        });
+        bytes got(10000);
+        EXPECT_EQ(recv(pair[1], got.data(), got.size(), MSG_WAITALL), 10000);
+        close(pair[1]);
+        sender.join();
+        EXPECT_FALSE(ok);
+        EXPECT_EQ(error, TN_SOCKET_ERROR_OTHER);
+        EXPECT_EQ(count % 8192, 0u) << count;
+        EXPECT_GE(count, 8192u); // the reader had a whole chunk
+        EXPECT_LT(count, length);
+        for (int fd : {pair[0], fds[0], fds[1]}) close(fd);
+    }
+}
+
 TEST_F(Socket, LastErrorBelongsToTheThread)
 {
     Connection c;

@@ -135,9 +135,11 @@ TN_API tn_bool tn_file_get_status(const tn_uchar *path, tn_file_status *status);
 /* The same for an open handle. */
 TN_API tn_bool tn_file_get_fstatus(tn_file file, tn_file_status *status);
 
-/* Sets the last-modified time of the file or directory at path to *time,
- * whole seconds since the epoch; the access time stays. Needs the caller
- * to own the file. A missing path gives 0. */
+/* Sets the last-modified time of the file at path to *time, whole seconds
+ * since the epoch; the access time stays. The file is opened for writing to
+ * do so, so a missing path, a directory and a file the caller may not write
+ * give 0, and so does a file that the caller neither owns nor has the
+ * privilege to change. */
 TN_API tn_bool tn_file_set_time(const tn_uchar *path, const tn_time *time);
 
 /* 1 when path names something that is not a directory, 0 for a directory

@@ -119,9 +119,12 @@ TN_API tn_bool tn_socket_send_to(tn_socket socket, const void *source, tn_uint32
  * the socket is writable and resumes with position + count and
  * length - count. The file then stands right behind the last byte sent, so a
  * resume at position 0 that sent nothing at all also goes on correctly. A
- * length of 0 returns 1 after the seek. A failure of the file or the socket
- * returns 0 with the bytes sent so far in *count; the file position is then
- * undefined. */
+ * length of 0 returns 1 after the seek. The stretch is taken in chunks of at
+ * most 8192 bytes as the file yields them (whole ones from a regular file). A
+ * failure of the file or the socket returns 0, also after part of the stretch
+ * went out in this call, with *count holding the bytes of the chunks finished
+ * before it: what went out of the chunk in hand is not counted. The file
+ * position is then undefined. */
 TN_API tn_bool tn_socket_send_file(tn_socket socket, tn_file file, tn_uint64 position,
                                    tn_uint64 length, tn_uint64 *count);
 

@@ -6,6 +6,14 @@ namespace {
 
 bool would_block() { return tn_socket_get_last_error() == TN_SOCKET_ERROR_WOULD_BLOCK; }
 
+// The getters and setters of both records: store, and report success.
+template <class T>
+tn_bool store(T *out, T value)
+{
+    *out = value;
+    return 1;
+}
+
 // One wait at most: the time-out bounds each wait, not the whole read.
 tn_bool read_socket(void *destination, tn_uint32 capacity, tn_uint32 *count, void *context)
 {
@@ -27,29 +35,10 @@ void tn_socket_input_buffer_init(tn_socket_input_buffer *b, void *storage, tn_ui
     b->read_timeout = read_timeout;
 }
 
-tn_bool tn_socket_input_buffer_get_socket(const tn_socket_input_buffer *b, tn_socket *socket)
-{
-    *socket = b->socket;
-    return 1;
-}
-
-tn_bool tn_socket_input_buffer_get_poll(const tn_socket_input_buffer *b, tn_poll **poll)
-{
-    *poll = b->poll;
-    return 1;
-}
-
-tn_bool tn_socket_input_buffer_get_read_timeout(const tn_socket_input_buffer *b, tn_int32 *timeout)
-{
-    *timeout = b->read_timeout;
-    return 1;
-}
-
-tn_bool tn_socket_input_buffer_set_read_timeout(tn_socket_input_buffer *b, tn_int32 timeout)
-{
-    b->read_timeout = timeout;
-    return 1;
-}
+tn_bool tn_socket_input_buffer_get_socket(const tn_socket_input_buffer *b, tn_socket *s) { return store(s, b->socket); }
+tn_bool tn_socket_input_buffer_get_poll(const tn_socket_input_buffer *b, tn_poll **p) { return store(p, b->poll); }
+tn_bool tn_socket_input_buffer_get_read_timeout(const tn_socket_input_buffer *b, tn_int32 *t) { return store(t, b->read_timeout); }
+tn_bool tn_socket_input_buffer_set_read_timeout(tn_socket_input_buffer *b, tn_int32 t) { return store(&b->read_timeout, t); }
 
 void tn_socket_output_buffer_init(tn_socket_output_buffer *b, void *storage, tn_uint32 length, tn_socket socket,
                                   tn_poll *poll, tn_int32 write_timeout)
@@ -80,26 +69,7 @@ tn_bool tn_socket_output_buffer_write_op(const void *source, tn_uint32 n, void *
     return 1;
 }
 
-tn_bool tn_socket_output_buffer_get_socket(const tn_socket_output_buffer *b, tn_socket *socket)
-{
-    *socket = b->socket;
-    return 1;
-}
-
-tn_bool tn_socket_output_buffer_get_poll(const tn_socket_output_buffer *b, tn_poll **poll)
-{
-    *poll = b->poll;
-    return 1;
-}
-
-tn_bool tn_socket_output_buffer_get_write_timeout(const tn_socket_output_buffer *b, tn_int32 *timeout)
-{
-    *timeout = b->write_timeout;
-    return 1;
-}
-
-tn_bool tn_socket_output_buffer_set_write_timeout(tn_socket_output_buffer *b, tn_int32 timeout)
-{
-    b->write_timeout = timeout;
-    return 1;
-}
+tn_bool tn_socket_output_buffer_get_socket(const tn_socket_output_buffer *b, tn_socket *s) { return store(s, b->socket); }
+tn_bool tn_socket_output_buffer_get_poll(const tn_socket_output_buffer *b, tn_poll **p) { return store(p, b->poll); }
+tn_bool tn_socket_output_buffer_get_write_timeout(const tn_socket_output_buffer *b, tn_int32 *t) { return store(t, b->write_timeout); }
+tn_bool tn_socket_output_buffer_set_write_timeout(tn_socket_output_buffer *b, tn_int32 t) { return store(&b->write_timeout, t); }

@@ -236,10 +236,17 @@ tn_bool tn_file_get_fstatus(tn_file file, tn_file_status *status)
     return 1;
 }
 
+// The time goes through a handle opened for writing, so what does not open
+// so (a directory, a file the caller may not write) is refused, not changed.
+// O_NONBLOCK: a FIFO with no reader must fail here rather than block.
 tn_bool tn_file_set_time(const tn_uchar *path, const tn_time *time)
 {
+    int fd = open_fd(path, O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return 0;
     const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(*time), 0}};
-    return utimensat(AT_FDCWD, text(path), times, 0) == 0;
+    bool set = futimens(fd, times) == 0;
+    close(fd);
+    return set;
 }
 
 tn_bool tn_file_is_file(const tn_uchar *path)

@@ -103,6 +103,10 @@ private:
     bool raised_ = false;
 };
 
+// The unit in which send_file reads and sends, and in which a failed call
+// counts what went out.
+constexpr std::size_t chunk_size = 8192;
+
 // The progress of one send_file call: bytes sent, mirrored into the
 // caller's count after every step.
 struct progress {
@@ -133,11 +137,18 @@ outcome send_zero_copy(tn_socket s, tn_file file, progress &p)
             if (error == EINVAL || error == ENOSYS) return outcome::unsupported;
             if (error == EPIPE) shield.note_broken_pipe();
             last_error = error;
-            return error == EAGAIN ? outcome::finished : outcome::failed;
+            if (error == EAGAIN) return outcome::finished;
+            // sendfile has no chunks of its own, but over a regular file every
+            // chunk before the failing one is whole: rounding down leaves out
+            // the part of the chunk in hand that went, as the copying road does.
+            p.sent -= p.sent % chunk_size;
+            if (p.count) *p.count = p.sent;
+            return outcome::failed;
         }
+        // A short transfer may be the end of the file, a full socket or a
+        // connection that broke under way; only the next call tells which.
+        if (n == 0) break;
         p.add(static_cast<tn_uint64>(n));
-        // A short transfer is either the end of the file or a full socket.
-        if (static_cast<std::size_t>(n) < want) break;
     }
     return outcome::finished;
 }
@@ -147,7 +158,7 @@ outcome send_zero_copy(tn_socket s, tn_file file, progress &p)
 // last byte sent, as the zero-copy road leaves it.
 outcome send_by_copy(tn_socket s, tn_file file, progress &p)
 {
-    unsigned char chunk[8192];
+    unsigned char chunk[chunk_size];
     while (p.left() != 0) {
         const std::size_t want = p.left() < sizeof chunk ? static_cast<std::size_t>(p.left()) : sizeof chunk;
         ssize_t got = retrying([&] { return ::read(file, chunk, want); });
@@ -162,10 +173,8 @@ outcome send_by_copy(tn_socket s, tn_file file, progress &p)
             ssize_t n = retrying([&] { return ::send(s, chunk + out, rest, MSG_NOSIGNAL); });
             if (n < 0) {
                 last_error = errno;
-                if (last_error != EAGAIN) {
-                    p.add(out);
-                    return outcome::failed;
-                }
+                // A failed chunk is not counted, not even what of it went out.
+                if (last_error != EAGAIN) return outcome::failed;
                 break;
             }
             out += static_cast<std::size_t>(n);
