@@ -117,6 +117,11 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
                 ASSERT_EQ(std::string(reinterpret_cast<char *>(narrow), n), want);
                 ASSERT_EQ(narrow[n], canary) << "wrote behind the text";
                 ASSERT_EQ(f.narrow(nullptr, v, width), n) << "measuring";
+                // The buffer holds only the longest text of the type (or the
+                // width): nothing may be written past it, not even in passing.
+                const size_t longest = f.kind == 'x' ? f.bits / 4 : f.bits == 8 ? 3 : f.bits == 16 ? 5 : f.bits == 32 ? 10 : 20;
+                std::vector<tn_uchar> exact(std::max<size_t>(longest + (f.kind == 'd'), width));
+                ASSERT_EQ(f.narrow(exact.data(), v, width), n);
                 if (!f.wide) continue;
                 tn_wchar wide[40];
                 std::fill(std::begin(wide), std::end(wide), tn_wchar{0xA5A5});

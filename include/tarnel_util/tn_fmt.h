@@ -6,9 +6,10 @@
  * returns the count of characters, so results add up to a running position;
  * a caller that wants a string writes the terminator at that position. No
  * format takes a buffer size: the buffer holds the longest text of the type
- * (below), or the width of a zero-filled form when that is larger. Given a
- * null buffer, an integer format writes nothing and returns the count it
- * would have written.
+ * (below), or the width of a zero-filled form when that is larger; a format
+ * may use all of that space while it works, and leaves the bytes behind its
+ * text as they were. Given a null buffer, an integer format writes nothing
+ * and returns the count it would have written.
  *
  *   int: signed decimal, "-" in front of a negative value; the most
  *        negative value of each width prints its full magnitude.

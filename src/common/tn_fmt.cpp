@@ -1,6 +1,7 @@
 #include <tarnel_util/tn_fmt.h>
 
 #include <bit>
+#include <cstring>
 #include <type_traits>
 
 namespace {
@@ -70,15 +71,56 @@ void put_decimal(C *end, U v)
     }
 }
 
-// Each digit is its own shift of the value: no chain from one to the next.
+// Eight hexadecimal digits at once: each nibble spread to a byte, all
+// turned to ASCII together, bytes swapped so the first digit comes first.
+tn_uint64 hex8(tn_uint32 v)
+{
+    tn_uint64 x = v;
+    x = (x | x << 16) & 0x0000FFFF0000FFFFull;
+    x = (x | x << 8) & 0x00FF00FF00FF00FFull;
+    x = (x | x << 4) & 0x0F0F0F0F0F0F0F0Full;
+    const tn_uint64 letters = ((x + 0x0606060606060606ull) >> 4) & 0x0101010101010101ull;
+    return __builtin_bswap64(x + 0x3030303030303030ull + letters * ('a' - '0' - 10));
+}
+
+// The last n (1 to 8) characters of an eight-character text, at p, in one
+// eight-byte store. The caller's buffer holds the type's longest text, so
+// the eight bytes are the caller's; those behind the n are written back as
+// they were.
+void store_tail(tn_uchar *p, tn_uint64 text, tn_uint32 n)
+{
+    tn_uint64 old;
+    std::memcpy(&old, p, 8);
+    const tn_uint64 keep = n == 8 ? 0 : ~tn_uint64{0} << (8 * n);
+    const tn_uint64 out = (text >> (8 * (8 - n)) & ~keep) | (old & keep);
+    std::memcpy(p, &out, 8);
+}
+
+// Narrow text whose fill and digits fit in the type's longest text comes
+// from the whole zero-filled text at once; the rest digit by digit. U is
+// the value's own type, since its longest text bounds the buffer.
+template <class C, class U>
+bool put_hex_whole(C *b, U v, tn_uint32 body)
+{
+    if constexpr (sizeof(C) != 1) {
+        return false;
+    } else {
+        if (body > 2 * sizeof(U) || sizeof(U) < 4) return false;
+        const tn_uint64 low = hex8(static_cast<tn_uint32>(v));
+        if (body <= 8) {
+            store_tail(b, low, body);
+        } else {
+            store_tail(b, hex8(static_cast<tn_uint32>(static_cast<tn_uint64>(v) >> 32)), body - 8);
+            store_tail(b + body - 8, low, 8);
+        }
+        return true;
+    }
+}
+
 template <class C, class U>
 void put_hex(C *end, U v, tn_uint32 digits)
 {
-    C *p = end - digits;
-    for (tn_uint32 shift = digits * 4; shift;) {
-        shift -= 4;
-        *p++ = static_cast<C>(hex_digits[(v >> shift) & 15]);
-    }
+    for (C *p = end - digits; digits;) *p++ = static_cast<C>(hex_digits[(v >> (4 * --digits)) & 15]);
 }
 
 // The shared shape of every integer format: sign, fill up to the width,
@@ -89,6 +131,7 @@ tn_uint32 fmt_unsigned(C *b, U v, tn_uint32 width, bool negative)
     tn_uint32 digits = Hex ? hex_digit_count(v) : decimal_digits(v);
     tn_uint32 body = digits < width ? width : digits;
     if (!b) return body + negative;
+    if (Hex && put_hex_whole(b, v, body)) return body;
     if (negative) *b++ = '-';
     for (tn_uint32 i = digits; i < body; ++i) *b++ = '0';
     if (Hex)
@@ -178,8 +221,8 @@ tn_uint32 tn_str_fmt_uint16(U *b, tn_uint16 v) { return dec(b, tn_uint32{v}); }
 tn_uint32 tn_str_fmt_uint32(U *b, tn_uint32 v) { return dec(b, v); }
 tn_uint32 tn_str_fmt_uint64(U *b, tn_uint64 v) { return dec(b, v); }
 tn_uint32 tn_str_fmt_xint(U *b, tn_uint32 v) { return hex(b, v); }
-tn_uint32 tn_str_fmt_xint8(U *b, tn_uint8 v) { return hex(b, tn_uint32{v}); }
-tn_uint32 tn_str_fmt_xint16(U *b, tn_uint16 v) { return hex(b, tn_uint32{v}); }
+tn_uint32 tn_str_fmt_xint8(U *b, tn_uint8 v) { return hex(b, v); }
+tn_uint32 tn_str_fmt_xint16(U *b, tn_uint16 v) { return hex(b, v); }
 tn_uint32 tn_str_fmt_xint32(U *b, tn_uint32 v) { return hex(b, v); }
 tn_uint32 tn_str_fmt_xint64(U *b, tn_uint64 v) { return hex(b, v); }
 tn_uint32 tn_str_fmt_0uint(U *b, tn_uint32 v, tn_uint32 w) { return dec(b, v, w); }
@@ -188,8 +231,8 @@ tn_uint32 tn_str_fmt_0uint16(U *b, tn_uint16 v, tn_uint32 w) { return dec(b, tn_
 tn_uint32 tn_str_fmt_0uint32(U *b, tn_uint32 v, tn_uint32 w) { return dec(b, v, w); }
 tn_uint32 tn_str_fmt_0uint64(U *b, tn_uint64 v, tn_uint32 w) { return dec(b, v, w); }
 tn_uint32 tn_str_fmt_0xint(U *b, tn_uint32 v, tn_uint32 w) { return hex(b, v, w); }
-tn_uint32 tn_str_fmt_0xint8(U *b, tn_uint8 v, tn_uint32 w) { return hex(b, tn_uint32{v}, w); }
-tn_uint32 tn_str_fmt_0xint16(U *b, tn_uint16 v, tn_uint32 w) { return hex(b, tn_uint32{v}, w); }
+tn_uint32 tn_str_fmt_0xint8(U *b, tn_uint8 v, tn_uint32 w) { return hex(b, v, w); }
+tn_uint32 tn_str_fmt_0xint16(U *b, tn_uint16 v, tn_uint32 w) { return hex(b, v, w); }
 tn_uint32 tn_str_fmt_0xint32(U *b, tn_uint32 v, tn_uint32 w) { return hex(b, v, w); }
 tn_uint32 tn_str_fmt_0xint64(U *b, tn_uint64 v, tn_uint32 w) { return hex(b, v, w); }
 
@@ -208,7 +251,7 @@ tn_uint32 tn_wstr_fmt_uint16(W *b, tn_uint16 v) { return dec(b, tn_uint32{v}); }
 tn_uint32 tn_wstr_fmt_uint32(W *b, tn_uint32 v) { return dec(b, v); }
 tn_uint32 tn_wstr_fmt_uint64(W *b, tn_uint64 v) { return dec(b, v); }
 tn_uint32 tn_wstr_fmt_xint(W *b, tn_uint32 v) { return hex(b, v); }
-tn_uint32 tn_wstr_fmt_xint16(W *b, tn_uint16 v) { return hex(b, tn_uint32{v}); }
+tn_uint32 tn_wstr_fmt_xint16(W *b, tn_uint16 v) { return hex(b, v); }
 tn_uint32 tn_wstr_fmt_xint32(W *b, tn_uint32 v) { return hex(b, v); }
 tn_uint32 tn_wstr_fmt_xint64(W *b, tn_uint64 v) { return hex(b, v); }
 tn_uint32 tn_wstr_fmt_0uint(W *b, tn_uint32 v, tn_uint32 w) { return dec(b, v, w); }
@@ -216,7 +259,7 @@ tn_uint32 tn_wstr_fmt_0uint16(W *b, tn_uint16 v, tn_uint32 w) { return dec(b, tn
 tn_uint32 tn_wstr_fmt_0uint32(W *b, tn_uint32 v, tn_uint32 w) { return dec(b, v, w); }
 tn_uint32 tn_wstr_fmt_0uint64(W *b, tn_uint64 v, tn_uint32 w) { return dec(b, v, w); }
 tn_uint32 tn_wstr_fmt_0xint(W *b, tn_uint32 v, tn_uint32 w) { return hex(b, v, w); }
-tn_uint32 tn_wstr_fmt_0xint16(W *b, tn_uint16 v, tn_uint32 w) { return hex(b, tn_uint32{v}, w); }
+tn_uint32 tn_wstr_fmt_0xint16(W *b, tn_uint16 v, tn_uint32 w) { return hex(b, v, w); }
 tn_uint32 tn_wstr_fmt_0xint32(W *b, tn_uint32 v, tn_uint32 w) { return hex(b, v, w); }
 tn_uint32 tn_wstr_fmt_0xint64(W *b, tn_uint64 v, tn_uint32 w) { return hex(b, v, w); }
 
