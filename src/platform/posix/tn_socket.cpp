@@ -79,8 +79,12 @@ public:
         sigemptyset(&pipe_);
         sigaddset(&pipe_, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+        // Only a host that blocks SIGPIPE itself can have one pending: an
+        // unblocked signal is delivered at once. So the common case costs
+        // one call here and one on the way out.
+        host_blocks_ = sigismember(&saved_, SIGPIPE) == 1;
         sigset_t pending;
-        was_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+        was_pending_ = host_blocks_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
     }
     ~sigpipe_shield()
     {
@@ -89,7 +93,7 @@ public:
             while (sigtimedwait(&pipe_, nullptr, &zero) < 0 && errno == EINTR) {
             }
         }
-        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+        if (!host_blocks_) pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
     }
     sigpipe_shield(const sigpipe_shield &) = delete;
     sigpipe_shield &operator=(const sigpipe_shield &) = delete;
@@ -99,6 +103,7 @@ public:
 private:
     sigset_t pipe_;
     sigset_t saved_;
+    bool host_blocks_ = false;
     bool was_pending_ = false;
     bool raised_ = false;
 };
