@@ -188,38 +188,55 @@ TEST_F(Socket, PartialSendsUntilWouldBlockThenEverythingArrives)
     EXPECT_EQ(count, 1u);
 }
 
+// Twice: with SIGPIPE deliverable, and with the host blocking it and one of
+// its own pending, which must stay pending, once, and stay blocked.
 TEST_F(Socket, PeerCloseIsEndOfStreamAndWritingToItRaisesNoSignal)
 {
     auto old = std::signal(SIGPIPE, SIG_DFL); // a SIGPIPE would end the test run here
-    sigset_t mask_before, mask_after, pending;
-    pthread_sigmask(SIG_BLOCK, nullptr, &mask_before);
-    {
-        Connection c;
-        ASSERT_TRUE(tn_socket_shutdown(c.server, 1)); // its sending side
-        ASSERT_TRUE(ready(c.client, POLLIN));
-        for (int i = 0; i < 2; ++i) {
-            tn_uint32 count = 5;
-            EXPECT_TRUE(tn_socket_recv(c.client, &count, 1, &count));
-            EXPECT_EQ(count, 0u) << "read " << i;
+    for (bool host_blocks : {false, true}) {
+        SCOPED_TRACE(host_blocks ? "host blocks SIGPIPE, one pending" : "SIGPIPE deliverable");
+        sigset_t pipe, mask_before, mask_after, pending;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        if (host_blocks) {
+            pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+            pthread_kill(pthread_self(), SIGPIPE);
         }
-        EXPECT_TRUE(tn_socket_close(c.server));
-        c.server = -1;
-        bool failed = false;
-        for (int i = 0; i < 200 && !failed; ++i) {
-            failed = !tn_socket_send(c.client, "data", 4, nullptr);
-            if (!failed) usleep(1000);
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask_before);
+        {
+            Connection c;
+            ASSERT_TRUE(tn_socket_shutdown(c.server, 1)); // its sending side
+            ASSERT_TRUE(ready(c.client, POLLIN));
+            for (int i = 0; i < 2; ++i) {
+                tn_uint32 count = 5;
+                EXPECT_TRUE(tn_socket_recv(c.client, &count, 1, &count));
+                EXPECT_EQ(count, 0u) << "read " << i;
+            }
+            EXPECT_TRUE(tn_socket_close(c.server));
+            c.server = -1;
+            bool failed = false;
+            for (int i = 0; i < 200 && !failed; ++i) {
+                failed = !tn_socket_send(c.client, "data", 4, nullptr);
+                if (!failed) usleep(1000);
+            }
+            ASSERT_TRUE(failed) << "sending to a closed peer never failed";
+            EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_OTHER);
+            PatternFile f(100000);
+            tn_uint64 count = 99;
+            EXPECT_FALSE(tn_socket_send_file(c.client, f.fd, 1, 50000, &count));
+            EXPECT_EQ(count, 0u);
         }
-        ASSERT_TRUE(failed) << "sending to a closed peer never failed";
-        EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_OTHER);
-        PatternFile f(100000);
-        tn_uint64 count = 99;
-        EXPECT_FALSE(tn_socket_send_file(c.client, f.fd, 1, 50000, &count));
-        EXPECT_EQ(count, 0u);
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask_after);
+        EXPECT_EQ(sigismember(&mask_before, SIGPIPE), sigismember(&mask_after, SIGPIPE));
+        sigpending(&pending);
+        EXPECT_EQ(sigismember(&pending, SIGPIPE), host_blocks ? 1 : 0);
+        if (host_blocks) {
+            const timespec zero{0, 0};
+            EXPECT_EQ(sigtimedwait(&pipe, nullptr, &zero), SIGPIPE);
+            EXPECT_EQ(sigtimedwait(&pipe, nullptr, &zero), -1) << "only the host's own SIGPIPE was pending";
+            pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+        }
     }
-    sigpending(&pending);
-    EXPECT_FALSE(sigismember(&pending, SIGPIPE));
-    pthread_sigmask(SIG_BLOCK, nullptr, &mask_after);
-    EXPECT_EQ(sigismember(&mask_before, SIGPIPE), sigismember(&mask_after, SIGPIPE));
     std::signal(SIGPIPE, old);
 }
 
