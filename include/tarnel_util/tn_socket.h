@@ -118,8 +118,9 @@ TN_API tn_bool tn_socket_send_to(tn_socket socket, const void *source, tn_uint32
  * the end of the file or a socket that would block: the caller waits until
  * the socket is writable and resumes with position + count and
  * length - count. The file then stands right behind the last byte sent, so a
- * resume at position 0 that sent nothing at all also goes on correctly. A
- * length of 0 returns 1 after the seek. The stretch is taken in chunks of at
+ * resume at position 0 that sent nothing at all also goes on correctly; a
+ * pipe cannot be put back, so from a pipe the bytes read but not sent are
+ * lost. A length of 0 returns 1 after the seek. The stretch is taken in chunks of at
  * most 8192 bytes as the file yields them (whole ones from a regular file). A
  * failure of the file or the socket returns 0, also after part of the stretch
  * went out in this call, with *count holding the bytes of the chunks finished
