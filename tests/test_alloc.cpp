@@ -1,27 +1,20 @@
-// The allocation hooks: the host's handlers, size 0, clearing, and growth.
 #include <tarnel_util/tn_alloc.h>
-
 #include "tn_test_alloc.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 namespace {
-
-std::vector<tn_uint32> asked;
+std::vector<tn_uint32> asked; // the sizes the handler was asked for
 std::vector<void *> freed;
 
 // Handlers that log every call, refuse 1000 bytes or more, and fill blocks with 0x5A so that copies show.
-class Alloc : public tn_test::AllocTest {
-protected:
+struct Alloc : tn_test::AllocTest {
     void SetUp() override
     {
-        AllocTest::SetUp();
-        asked.clear(), freed.clear();
-        tn_alloc_set_alloc_handler([](tn_uint32 size) -> void * {
-            asked.push_back(size);
-            return size >= 1000 ? nullptr : std::memset(std::malloc(size), 0x5A, size);
+        AllocTest::SetUp(), asked.clear(), freed.clear();
+        tn_alloc_set_alloc_handler([](tn_uint32 n) -> void * {
+            return asked.push_back(n), n >= 1000 ? nullptr : std::memset(std::malloc(n), 0x5A, n);
         });
         tn_alloc_set_free_handler([](void *block) { freed.push_back(block), std::free(block); });
     }
@@ -32,24 +25,18 @@ protected:
 // old block whole; growth copies old size bytes only and frees the old block, if any; null is never freed.
 TEST_F(Alloc, HandlersSeeExactlyTheCallsTheContractImplies)
 {
-    void *one = tn_alloc(0);
-    auto *cleared = static_cast<tn_uchar *>(tn_alloc_zero(40));
-    auto *block = static_cast<tn_uchar *>(tn_alloc(8));
+    void *one = tn_alloc(0), *fresh = nullptr;
+    auto *cleared = static_cast<tn_uchar *>(tn_alloc_zero(40)), *block = static_cast<tn_uchar *>(tn_alloc(8));
     ASSERT_TRUE(one && cleared && block);
     EXPECT_EQ(std::vector<tn_uchar>(cleared, cleared + 40), std::vector<tn_uchar>(40, 0));
     std::memcpy(block, "12345678", 8);
-    EXPECT_EQ(tn_alloc_re(block, 8, 8), block);
-    EXPECT_EQ(tn_alloc_re(block, 8, 3), block);
-    EXPECT_EQ(tn_alloc_re(nullptr, 0, 0), nullptr);
-    EXPECT_EQ(tn_alloc_re(block, 8, 1000), nullptr);
-    EXPECT_EQ(std::memcmp(block, "12345678", 8), 0);
+    EXPECT_TRUE(tn_alloc_re(block, 8, 8) == block && tn_alloc_re(block, 8, 3) == block && !tn_alloc_re(nullptr, 0, 0));
+    EXPECT_TRUE(!tn_alloc_re(block, 8, 1000) && std::memcmp(block, "12345678", 8) == 0) << "failed growth";
     auto *grown = static_cast<tn_uchar *>(tn_alloc_re(block, 5, 64));
-    void *fresh = tn_alloc_re(nullptr, 0, 4);
-    ASSERT_TRUE(grown && fresh);
+    ASSERT_TRUE(grown && (fresh = tn_alloc_re(nullptr, 0, 4)));
     EXPECT_EQ(std::memcmp(grown, "12345\x5A\x5A\x5A", 8), 0);
     tn_alloc_free(one), tn_alloc_free(cleared), tn_alloc_free(nullptr), tn_alloc_free(grown), tn_alloc_free(fresh);
     EXPECT_EQ(asked, (std::vector<tn_uint32>{1, 40, 8, 1000, 64, 4}));
     EXPECT_EQ(freed, (std::vector<void *>{block, one, cleared, grown, fresh}));
 }
-
 } // namespace
