@@ -189,7 +189,7 @@ void check_view(T (*pos)(const tn_array *, tn_uint32), T (*end)(const tn_array *
 }
 
 // tn_uint32 arrays order by stored bytes over the element size (here 256 sorts before 1). Pointer arrays work on
-// values: find2 gets the stored pointer, cato takes as many low bytes as the element has, then zeros.
+// values: find2 gets the stored pointer, cato and inserto take as many low bytes as the element has, then zeros.
 TEST_F(ArrayTest, TypedViews)
 {
 #define VIEW(f) check_view(tn_##f##_array_get_pos, tn_##f##_array_get_end, #f)
@@ -217,7 +217,7 @@ TEST_F(ArrayTest, TypedViews)
         void *value = reinterpret_cast<void *>(v), *low = nullptr; // low: what the first element holds
         std::memcpy(&low, want.data(), size < 8 ? size : 8);
         ASSERT_TRUE(tn_ptr_array_cato(&a, value) && tn_ptr_array_cat0(&a) && tn_ptr_array_inserto(&a, value, 2));
-        ASSERT_TRUE(tn_uchar_array_cato(&a, 0xAB) && tn_wchar_array_cato(&a, 0xBEEF)); // inserto at the length appends
+        ASSERT_TRUE(tn_uchar_array_cato(&a, 0xAB) && tn_wchar_array_cato(&a, 0xBEEF));
         std::vector<const void *> seen;
         EXPECT_EQ(std::tuple(raw(a), tn_ptr_array_find(&a, value), tn_ptr_array_find(&a, nullptr),
                              tn_ptr_array_find2(&a, (void *)needle, same, &seen), tn_ptr_array_inserto(&a, value, 6)),

@@ -49,7 +49,7 @@ TEST(Byte, CopyAndZeroMatchTheirModelCompareIsUnsigned)
         for (size_t i = 0; i < 32; ++i) got[i] = want[i] = tn_uchar(i + 1);
         std::memmove(want + to, want + from, length), std::memset(want + from, 0, to % 3 ? 0 : length);
         ASSERT_EQ(tn_byte_copy(got + to, tn_uint32(length), got + from), length);
-        if (to % 3 == 0) tn_byte_zero(got + from, tn_uint32(length)); // every third row zeroes the source after
+        if (to % 3 == 0) tn_byte_zero(got + from, tn_uint32(length)); // then clears the source, on some rows
         ASSERT_EQ(std::memcmp(got, want, 32), 0) << "from " << from << " to " << to << " length " << length;
     }
     // A signed compare calls 0x01 the larger; only the sign comes back, not the difference; length 0 is equal.

@@ -9,8 +9,8 @@
 namespace {
 
 // Packs at every offset from 0 to 8 and compares with the value's bytes on this little-endian host (reversed
-// for the big forms), then unpacks; the bytes around the value stay. Random bit patterns make NaNs with
-// payloads and negative zeros of the floats, which must move unchanged; a signalling NaN must stay one.
+// for the big forms), then unpacks; the bytes around the value stay. Float bit patterns move unchanged: a NaN
+// with a payload, a negative zero and signalling NaNs among them, which a conversion would alter.
 template <class T>
 void check(void (*pack)(tn_uchar *, T), void (*unpack)(const tn_uchar *, T *), bool big, const char *name)
 {

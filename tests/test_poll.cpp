@@ -24,8 +24,7 @@ struct Pair {
     void send_byte() const { ASSERT_EQ(write(b, "x", 1), 1); }
 };
 
-class Poll : public tn_test::AllocTest {
-protected:
+struct Poll : tn_test::AllocTest {
     tn_poll p{};
     void SetUp() override { AllocTest::SetUp(), tn_poll_create(&p); }
     void TearDown() override { tn_poll_free(&p), AllocTest::TearDown(); }

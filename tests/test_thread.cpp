@@ -40,8 +40,8 @@ TEST_F(Threads, CreateJoinDetachStackSizePriorityAndHandleZero)
         if (detached) tn_thread_detach(&t);
         pthread_getattr_np(static_cast<pthread_t>(t.handle), &attr), pthread_attr_getstacksize(&attr, &size);
         pthread_attr_getdetachstate(&attr, &state), pthread_attr_destroy(&attr);
-        EXPECT_TRUE(size >= requests[i % 3] && size < (2u << 20) && state == (detached ? PTHREAD_CREATE_DETACHED : 0))
-            << requests[i % 3] << " gave " << size << ", state " << state;
+        EXPECT_TRUE(size >= requests[i % 3] && size < (2u << 20)) << requests[i % 3] << " gave " << size;
+        EXPECT_EQ(state, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE) << "thread " << i;
         const int was = nice_of(t.tid) < target ? nice_of(t.tid) : 19;
         const bool may = (renice(t.tid, was), target > was || (renice(t.tid, target) && renice(t.tid, was)));
         for (int by_number = i % 2; by_number < 2; ++by_number) // odd rows by level first, then all by number
