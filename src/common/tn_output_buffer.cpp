@@ -97,10 +97,10 @@ tn_bool tn_output_buffer_copy(tn_input_buffer *in, tn_output_buffer *out)
     tn_uint32 count = 0;
     if (!tn_input_buffer_feed(in, &count)) return 0;
     while (count) {
-        if (!tn_output_buffer_write(out, in->storage + in->position, count)) return 0;
-        in->position += count;
-        in->available -= count;
-        if (!tn_input_buffer_feed(in, &count)) return 0;
+        // The count is all held, so the skip only consumes and never reads.
+        if (!tn_output_buffer_write(out, in->storage + in->position, count) || !tn_input_buffer_skip(in, count) ||
+            !tn_input_buffer_feed(in, &count))
+            return 0;
     }
     return 1;
 }
