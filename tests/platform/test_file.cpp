@@ -1,0 +1,246 @@
+#include <tarnel_util/tn_file.h>
+#include <tarnel_util/tn_time.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "support/alloc.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
+const tn_uchar *u(const std::string &s) { return u(s.c_str()); }
+
+std::string slurp(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+bool close_on_exec(int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; }
+
+class FileTest : public tn_test::AllocTest {
+protected:
+    void SetUp() override
+    {
+        AllocTest::SetUp();
+        char name[] = "/tmp/tn_file_XXXXXX";
+        ASSERT_TRUE(mkdtemp(name));
+        dir = name;
+    }
+    void TearDown() override
+    {
+        fs::remove_all(dir);
+        AllocTest::TearDown();
+    }
+    std::string at(const std::string &name) const { return dir + "/" + name; }
+    void put(const std::string &name, const std::string &text) const { std::ofstream(at(name)) << text; }
+    std::string dir;
+};
+
+TEST_F(FileTest, OpenModesKeepTheirExistAndContentsRules)
+{
+    using opener = tn_bool (*)(tn_file *, const tn_uchar *);
+    // after: what a file that held "old" holds after opening and closing.
+    const struct { const char *name; opener open; bool opens_existing; const char *after; bool creates; } cases[] = {
+        {"read", tn_file_open_read, true, "old", false}, {"create", tn_file_open_create, false, "old", true},
+        {"truncate", tn_file_open_truncate, true, "", true}, {"write", tn_file_open_write, true, "old", true},
+        {"truncate_tmp", tn_file_open_truncate_tmp, true, "", true},
+        {"readwrite", tn_file_open_readwrite, true, "old", true},
+    };
+    for (const auto &c : cases) {
+        for (bool exists : {true, false}) {
+            SCOPED_TRACE(std::string(c.name) + (exists ? ", existing" : ", missing"));
+            if (exists) put("f", "old");
+            tn_file file = 123;
+            tn_uint64 position = 99;
+            const bool opens = exists ? c.opens_existing : c.creates;
+            ASSERT_EQ(c.open(&file, u(at("f"))), opens ? 1 : 0);
+            EXPECT_TRUE(opens ? close_on_exec(file) && tn_file_seek_pos(file, &position) && position == 0 &&
+                                    tn_file_close(file)
+                              : file == TN_FILE_INVALID) << file << ", at " << position;
+            EXPECT_EQ(fs::exists(at("f")), exists || opens);
+            EXPECT_TRUE(!exists || slurp(at("f")) == c.after) << slurp(at("f"));
+            fs::remove(at("f"));
+        }
+    }
+}
+
+TEST_F(FileTest, WriteSeekReadRoundTripWithPartialReadAtEnd)
+{
+    std::string data(10000, 0);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
+    tn_file file;
+    ASSERT_TRUE(tn_file_open_readwrite(&file, u(at("rw"))));
+    EXPECT_TRUE(tn_file_write_all(file, data.data(), static_cast<tn_uint32>(data.size())));
+    EXPECT_TRUE(tn_file_write_all(-1, nullptr, 0)) << "n of 0 must not touch the handle";
+    EXPECT_EQ(slurp(at("rw")), data);
+    char block[100];
+    tn_uint32 count = 0;
+    tn_uint64 position = 1;
+    EXPECT_TRUE(tn_file_seek_set(file, 9995, &position) && position == 9995);
+    EXPECT_TRUE(tn_file_read(file, block, 100, &count) && count == 5 && !std::memcmp(block, &data[9995], 5));
+    EXPECT_TRUE(tn_file_read(file, block, 100, &count) && count == 0) << "the end reads as success with count 0";
+    EXPECT_TRUE(tn_file_seek_pos(file, &position) && position == 10000) << position;
+
+    // Positions past 4 GiB need 64 bits all the way through.
+    const tn_uint64 far = (5ull << 30) + 3;
+    tn_file_status status;
+    EXPECT_TRUE(tn_file_seek_set(file, far, &position) && position == far);
+    EXPECT_TRUE(tn_file_write(file, "z", 1, &count) && count == 1);
+    EXPECT_TRUE(tn_file_get_fstatus(file, &status) && status.size == far + 1);
+    EXPECT_FALSE(tn_file_seek_set(file, 1ull << 63, &position));
+    EXPECT_TRUE(tn_file_flush(file) && tn_file_close(file) && tn_file_close(TN_FILE_INVALID));
+
+    tn_uint32 read = 77, written = 77; // a failed transfer writes a count of 0 too
+    EXPECT_TRUE(!tn_file_read(-1, block, 1, &read) && !tn_file_write(-1, "x", 1, &written) && read + written == 0);
+}
+
+// A wait of 0 makes one attempt; a wait of 1 still sleeps once before a second.
+TEST_F(FileTest, RenameReplacesAndRetries)
+{
+    put("a", "new");
+    put("b", "old");
+    EXPECT_TRUE(tn_file_rename(u(at("a")), u(at("b"))) && !fs::exists(at("a")));
+    EXPECT_EQ(slurp(at("b")), "new");
+    const std::string missing = at("missing"), c = at("c");
+    tn_elapse watch;
+    tn_elapse_start(&watch);
+    EXPECT_FALSE(tn_file_rename(u(missing), u(c)) || tn_file_rename_wait(u(missing), u(c), 0));
+    EXPECT_LT(tn_elapse_total(&watch), 250u);
+    tn_elapse_start(&watch);
+    EXPECT_FALSE(tn_file_rename_wait(u(missing), u(c), 1));
+    const tn_uint32 took = tn_elapse_total(&watch);
+    EXPECT_TRUE(took > 250 && took < 5000) << took;
+    EXPECT_TRUE(tn_file_rename_wait(u(at("b")), u(c), 1000) && slurp(c) == "new");
+}
+
+TEST_F(FileTest, RenameAcrossFileSystemsCopies)
+{
+    struct stat here, there;
+    if (stat(dir.c_str(), &here) != 0 || stat("/dev/shm", &there) != 0 || here.st_dev == there.st_dev)
+        GTEST_SKIP() << "no second file system at /dev/shm";
+    char name[] = "/dev/shm/tn_file_XXXXXX";
+    ASSERT_TRUE(mkdtemp(name));
+    const std::string other = name, target = other + "/t";
+    const tn_time stamp = 1000000000;
+
+    // A failure on the way leaves the source, the old target and no temporary file.
+    auto attempt = [&]() {
+        put("src", std::string(100000, 'q'));
+        chmod(at("src").c_str(), 0640);
+        EXPECT_TRUE(tn_file_set_time(u(at("src")), &stamp));
+        std::ofstream(target, std::ios::binary) << "old";
+        bool ok = tn_file_rename(u(at("src")), u(target));
+        EXPECT_EQ(std::distance(fs::directory_iterator(other), fs::directory_iterator()), 1);
+        EXPECT_TRUE(ok || (slurp(target) == "old" && fs::exists(at("src"))));
+        return ok;
+    };
+    EXPECT_GE(tn_test::sweep_alloc_failures(attempt), 2) << "the copy allocates its name and its block";
+    EXPECT_TRUE(!fs::exists(at("src")) && slurp(target) == std::string(100000, 'q'));
+    struct stat st;
+    EXPECT_TRUE(stat(target.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640 && st.st_mtim.tv_sec == stamp);
+    fs::remove_all(other);
+}
+
+TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
+{
+    put("f", std::string(100, 'x'));
+    ASSERT_TRUE(tn_dir_make(u(at("d"))));
+    EXPECT_FALSE(tn_dir_make(u(at("d"))) || tn_dir_make(u(at("no/such"))));
+    tn_file_status status;
+    ASSERT_TRUE(tn_file_get_status(u(at("f")), &status));
+    EXPECT_TRUE(status.directory == 0 && status.size == 100) << status.directory << ", " << status.size;
+    ASSERT_TRUE(tn_file_get_status(u(at("d")), &status));
+    EXPECT_TRUE(status.directory == 16 && status.size == 0) << status.directory << ", " << status.size;
+    EXPECT_FALSE(tn_file_get_status(u(at("none")), &status));
+    EXPECT_TRUE(tn_file_is_file(u(at("f"))) && !tn_file_is_file(u(at("d"))) && !tn_file_is_file(u(at("none"))));
+    EXPECT_TRUE(tn_file_is_dir(u(at("d"))) && !tn_file_is_dir(u(at("f"))) && !tn_file_is_dir(u(at("none"))));
+
+    // The time goes through a handle opened for writing, which a directory refuses.
+    for (tn_time t : {tn_time{0}, tn_time{1234567890}, tn_time{4102444800}}) {
+        EXPECT_TRUE(tn_file_set_time(u(at("f")), &t) && tn_file_get_status(u(at("f")), &status)) << t;
+        EXPECT_EQ(status.modified, t);
+    }
+    const tn_time t = 5;
+    EXPECT_FALSE(tn_file_set_time(u(at("none")), &t) || tn_file_set_time(u(at("d")), &t));
+
+    tn_file_system_status system;
+    ASSERT_TRUE(tn_file_get_system_status(u(at("f")), &system));
+    EXPECT_TRUE(system.total > 0 && system.free <= system.total && system.used == system.total - system.free);
+    EXPECT_FALSE(tn_file_get_system_status(u(at("none")), &system));
+
+    // A directory is no file to remove, nor is a file removed twice.
+    EXPECT_TRUE(!tn_file_remove(u(at("d"))) && tn_dir_remove(u(at("d"))));
+    EXPECT_TRUE(tn_file_remove(u(at("f"))) && !tn_file_remove(u(at("f"))));
+}
+
+// Every failed allocation ends a listing short: a name that cannot be stored
+// is never skipped silently.
+TEST_F(FileTest, DirectoryListingSkipsOnlyDotAndDotDot)
+{
+    const std::set<std::string> names = {"plain", ".hidden", "sub", "\xc3\xbcn\xc3\xaf \xe2\x82\xac.txt"}, none;
+    for (const std::string &n : names) n == "sub" ? (void)fs::create_directory(at(n)) : put(n, "");
+    for (const auto &[path, want] : {std::pair{dir, names}, std::pair{dir + "/", names}, std::pair{at("sub"), none}}) {
+        SCOPED_TRACE(path);
+        std::set<std::string> seen;
+        tn_test::sweep_alloc_failures([&, &path = path, &want = want] {
+            tn_dir d;
+            seen.clear();
+            if (!tn_dir_open(&d, u(path))) return false;
+            EXPECT_TRUE(close_on_exec(dirfd(static_cast<DIR *>(d.handle))));
+            while (const tn_uchar *name = tn_dir_read(&d)) seen.insert(reinterpret_cast<const char *>(name));
+            EXPECT_TRUE(tn_dir_read(&d) == nullptr && !seen.count("")) << "no name is skipped, none is empty";
+            EXPECT_TRUE(tn_dir_close(&d));
+            return seen == want;
+        });
+        EXPECT_EQ(seen, want);
+    }
+    tn_dir d{nullptr, nullptr, 7, {}};
+    EXPECT_TRUE(!tn_dir_open(&d, u(std::string())) && d.pending == 7) << "an empty path leaves the record alone";
+    EXPECT_FALSE(tn_dir_open(&d, u(at("plain"))) || tn_dir_open(&d, u(at("none"))));
+}
+
+TEST_F(FileTest, FirstLineNeedsRoomForTheTerminator)
+{
+    const struct { const char *contents; tn_bool result; const char *line; } cases[] = {
+        {"ab\r\nmore", 1, "ab"}, {"abc", 1, "abc"}, {"abcdefgh", 0, ""}, {"abcdefg\n", 1, "abcdefg"},
+        {"", 1, ""}, {"x\ny\n", 1, "x"}, {"\nabc", 1, ""}, {"abcdefgh\n", 0, ""}, {"a\rb", 1, "a"},
+    };
+    tn_uchar buffer[8];
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::PrintToString(std::string(c.contents)));
+        put("l", c.contents);
+        ASSERT_EQ(tn_file_get_first_line(u(at("l")), buffer, sizeof buffer), c.result);
+        EXPECT_STREQ(c.result ? reinterpret_cast<char *>(buffer) : "", c.line);
+    }
+    EXPECT_FALSE(tn_file_get_first_line(u(at("none")), buffer, sizeof buffer));
+}
+
+TEST(FileNames, SuffixAndAbsolutePath)
+{
+    const struct { const char *path, *suffix; } cases[] = {
+        {"a.txt", "txt"}, {"a", ""}, {"a.", ""}, {"d.x/a", ""}, {"d.x/a.b", "b"}, {"/x/y.tar.gz", "gz"},
+        {".profile", "profile"}, {"", ""}, {"d/.", ""}, {"a\\b.c", "c"},
+    };
+    for (const auto &c : cases) {
+        const tn_uchar *suffix = tn_file_get_suffix(u(c.path));
+        EXPECT_STREQ(reinterpret_cast<const char *>(suffix), c.suffix) << c.path;
+        EXPECT_EQ(suffix + strlen(c.suffix), u(c.path) + strlen(c.path)) << c.path << ": it points into the path";
+    }
+    EXPECT_TRUE(tn_file_is_absolute_path(u("/x")) && tn_file_is_absolute_path(u("/")));
+    for (const char *relative : {"", "x", "./x", "C:\\x", "\\x", "C:/x"})
+        EXPECT_FALSE(tn_file_is_absolute_path(u(relative))) << relative;
+    EXPECT_STREQ(reinterpret_cast<const char *>(tn_file_get_invalid_file_name_chars()), "\"<>|:*?/\\");
+}
+
+} // namespace

@@ -1,0 +1,187 @@
+#include <tarnel_util/tn_ip.h>
+#include <tarnel_util/tn_socket.h>
+
+#include "support/alloc.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
+
+tn_ip parse(const char *text, tn_uint16 port)
+{
+    tn_ip ip;
+    EXPECT_TRUE(tn_ip_set(&ip, u(text), port)) << text;
+    return ip;
+}
+// The address as text and the port, as "text port".
+std::string text_of(const tn_ip &ip)
+{
+    tn_uchar text[TN_IP_STR_SIZE] = {};
+    tn_uint16 port = 0;
+    const bool ok = tn_ip_get(&ip, nullptr, text, &port);
+    return (ok ? reinterpret_cast<const char *>(text) : "<none>") + (" " + std::to_string(port));
+}
+std::vector<std::string> texts_of(const tn_ip_array &a)
+{
+    std::vector<std::string> out;
+    for (tn_uint32 i = 0; i < tn_array_length(&a); ++i)
+        out.push_back(text_of(*static_cast<const tn_ip *>(tn_array_get_pos(&a, i))));
+    return out;
+}
+
+class Ip : public tn_test::AllocTest {};
+
+// The chosen resolver for one test; the system's comes back at the end.
+struct BuiltinResolver {
+    explicit BuiltinResolver(bool on = true) { tn_ip_use_builtin_resolver(on); }
+    ~BuiltinResolver() { tn_ip_use_builtin_resolver(0); }
+};
+
+// Numeric text prints back in canonical form; anything else is refused without
+// touching the record. Either way the resolver's code, 0 too, is the last error.
+TEST_F(Ip, NumericTextRoundTripsAndAnythingElseIsRefused)
+{
+    const struct { const char *in, *out; } cases[] = { // out null: refused
+        {"1.2.3.4", "1.2.3.4 65535"}, {"localhost", nullptr}, {"0.0.0.0", "0.0.0.0 65535"}, {"", nullptr},
+        {"255.255.255.255", "255.255.255.255 65535"}, {"1.2.3.4 ", nullptr}, {" 1.2.3.4", nullptr},
+        {"1.2.3.256", nullptr}, {"1.2.3.4.5", nullptr}, {"::", ":: 65535"}, {"::g", nullptr}, {"[::1]", nullptr},
+        {"FE80:0::0:1", "fe80::1 65535"}, {"1::2::3", nullptr}, {"::ffff:10.0.0.1", "::ffff:10.0.0.1 65535"},
+        {"2001:db8:0:0:8:800:200c:417a", "2001:db8::8:800:200c:417a 65535"},
+        {"ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.in);
+        tn_ip ip = parse("127.0.0.1", 7);
+        const tn_ip before = ip;
+        ASSERT_EQ(tn_ip_set(&ip, u(c.in), 65535), c.out ? 1 : 0);
+        EXPECT_EQ(tn_socket_get_last_error(), c.out ? TN_SOCKET_ERROR_NONE : TN_SOCKET_ERROR_OTHER);
+        EXPECT_TRUE(c.out ? text_of(ip) == c.out : std::memcmp(&ip, &before, sizeof ip) == 0) << text_of(ip);
+    }
+}
+
+TEST_F(Ip, BytesAreThePlatformLayoutAndTheRestIsLeftAlone)
+{
+    static_assert(sizeof(tn_ip) == 28);
+    tn_ip ip;
+    std::memset(&ip, 0xEE, sizeof ip);
+    const tn_uchar v6[16] = {0x20, 0x01, 0x0d, 0xb8, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    ASSERT_TRUE(tn_ip_set2(&ip, TN_IP_FAMILY_V6, v6, 0x1234));
+    EXPECT_EQ(ip.bytes[0] | ip.bytes[1] << 8, 10); // AF_INET6, native (little-endian) order
+    EXPECT_EQ(ip.bytes[2] << 8 | ip.bytes[3], 0x1234);
+    EXPECT_EQ(std::memcmp(ip.bytes + 8, v6, 16), 0);
+    for (int i : {4, 5, 6, 7, 24, 25, 26, 27}) EXPECT_EQ(ip.bytes[i], 0xEE) << "flow and scope untouched, byte " << i;
+
+    // Null bytes change family and port only; an unknown code changes nothing.
+    ip = parse("192.168.1.2", 1);
+    ASSERT_TRUE(tn_ip_set2(&ip, TN_IP_FAMILY_V4, nullptr, 2));
+    const tn_ip before = ip;
+    EXPECT_FALSE(tn_ip_set2(&ip, 0, tn_ip_addr_any6(), 5));
+    EXPECT_FALSE(tn_ip_set2(&ip, 3, tn_ip_addr_any6(), 5));
+    EXPECT_EQ(std::memcmp(&ip, &before, sizeof ip), 0);
+    tn_uint32 family = 0, length = 0;
+    tn_uint16 port = 0;
+    tn_uchar bytes[16] = {};
+    ASSERT_TRUE(tn_ip_get2(&ip, &family, bytes, &length, &port));
+    EXPECT_TRUE(family == 1 && length == 4 && port == 2 && !std::memcmp(bytes, "\xC0\xA8\x01\x02", 4)) << port;
+
+    // Family code 0 stores the family alone, with or without text.
+    tn_ip_init(&ip);
+    family = 9, length = 77, port = 88;
+    tn_uchar text[TN_IP_STR_SIZE] = "untouched";
+    EXPECT_TRUE(tn_ip_get2(&ip, &family, bytes, &length, &port) && tn_ip_get(&ip, &family, text, &port) &&
+                family == 0 && length == 77 && port == 88) << family << ", " << length << ", " << port;
+    EXPECT_STREQ(reinterpret_cast<char *>(text), "untouched");
+}
+
+TEST_F(Ip, ComparisonsAndKindsOfAddress)
+{
+    const tn_ip a = parse("1.2.3.4", 80), a81 = parse("1.2.3.4", 81), b = parse("1.2.3.5", 80);
+    const tn_ip mapped = parse("::ffff:1.2.3.4", 80);
+    tn_ip none1{}, none2{};
+    none2.bytes[0] = 1, none2.bytes[20] = 99; // any other family is none, and what follows does not count
+    const struct { const tn_ip *x, *y; tn_bool equal, addr, family; } cases[] = {
+        {&a, &a81, 0, 1, 1}, {&a, &b, 0, 0, 1}, {&a, &mapped, 0, 0, 0}, {&none1, &none2, 1, 1, 1},
+        {&a, &none1, 0, 0, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(text_of(*c.x) + " vs " + text_of(*c.y));
+        EXPECT_EQ(tn_ip_equal(c.x, c.y), c.equal);
+        EXPECT_EQ(tn_ip_addr_equal(c.x, c.y), c.addr);
+        EXPECT_EQ(tn_ip_family_equal(c.x, c.y), c.family);
+    }
+
+    // The fixed texts and bytes agree and tell the kinds whatever the port; the
+    // rest of 127.0.0.0/8 is no loopback, and family code 0 is neither kind.
+    const tn_uchar *(*const fixed[][2])(void) = {{tn_ip_str_any4, tn_ip_addr_any4},
+                                                 {tn_ip_str_loopback4, tn_ip_addr_loopback4},
+                                                 {tn_ip_str_any6, tn_ip_addr_any6},
+                                                 {tn_ip_str_loopback6, tn_ip_addr_loopback6}};
+    for (int i = 0; i < 4; ++i) {
+        tn_ip ip{};
+        ASSERT_TRUE(tn_ip_set2(&ip, i < 2 ? 1 : 2, fixed[i][1](), 4242));
+        EXPECT_EQ(text_of(ip), reinterpret_cast<const char *>(fixed[i][0]()) + std::string(" 4242"));
+        EXPECT_TRUE(tn_ip_is_any(&ip) == (i % 2 == 0) && tn_ip_is_loopback(&ip) == (i % 2 == 1)) << i;
+    }
+    const tn_ip other_loopback = parse("127.0.0.2", 0);
+    EXPECT_FALSE(tn_ip_is_loopback(&other_loopback) || tn_ip_is_any(&none1) || tn_ip_is_loopback(&none1));
+}
+
+// Either resolver: every address of localhost with the port, and a failed
+// append fails the lookup.
+TEST_F(Ip, ByNameFindsLocalhostAndReportsEveryFailedAllocation)
+{
+    for (bool builtin : {false, true}) {
+        SCOPED_TRACE(builtin ? "built-in resolver" : "system resolver");
+        BuiltinResolver chosen(builtin);
+        tn_test::sweep_alloc_failures([] {
+            tn_ip_array a;
+            tn_array_init(&a, sizeof(tn_ip));
+            const bool ok = tn_ip_by_name(&a, u("localhost"), 8080);
+            const std::vector<std::string> texts = texts_of(a);
+            EXPECT_FALSE(ok && tn_array_failed(&a));
+            EXPECT_TRUE(!ok || std::find(texts.begin(), texts.end(), "127.0.0.1 8080") != texts.end());
+            for (const std::string &text : texts) EXPECT_TRUE(text == "127.0.0.1 8080" || text == "::1 8080") << text;
+            EXPECT_TRUE(!ok || tn_ip_array_get_end(&a) == tn_array_get_pos(&a, tn_array_length(&a) - 1));
+            tn_array_free(&a);
+            return ok;
+        });
+    }
+}
+
+// Its numbers are IPv4 with three dots, not the all-ones address (its parser's
+// failure value); a lookup by name takes the rest to the C library's host
+// lookup, which reads numbers too, and gives no datagram twins.
+TEST_F(Ip, BuiltinResolverSpeaksDottedIpv4Only)
+{
+    BuiltinResolver on;
+    const struct { const char *name; bool numeric; std::vector<std::string> texts; } cases[] = { // texts by name
+        {"10.20.30.40", true, {"10.20.30.40 9"}}, {"255.255.255.255", false, {"255.255.255.255 9"}},
+        {"127.0.1", false, {"127.0.0.1 9"}}, {"127.1", false, {"127.0.0.1 9"}}, {"localhost", false, {"127.0.0.1 9"}},
+        {"::1", false, {}}, {nullptr, false, {"0.0.0.0 9"}},
+    };
+    tn_ip_array a;
+    tn_array_init(&a, sizeof(tn_ip));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name ? c.name : "(null)");
+        tn_ip ip;
+        EXPECT_TRUE(!c.name || tn_ip_set(&ip, u(c.name), 9) == c.numeric);
+        EXPECT_TRUE(!c.numeric || text_of(ip) == c.texts[0]);
+        EXPECT_EQ(tn_ip_by_name(&a, u(c.name), 9), c.texts.empty() ? 0 : 1);
+        EXPECT_EQ(texts_of(a), c.texts);
+    }
+    tn_array_free(&a);
+
+    // An IPv6 record has no text under it, but still its family and port.
+    tn_ip v6{};
+    ASSERT_TRUE(tn_ip_set2(&v6, TN_IP_FAMILY_V6, tn_ip_addr_loopback6(), 6));
+    tn_uint32 family = 0;
+    tn_uchar text[TN_IP_STR_SIZE];
+    EXPECT_EQ(text_of(v6), "<none> 6");
+    EXPECT_TRUE(!tn_ip_get(&v6, &family, text, nullptr) && family == 2) << family;
+}
+
+} // namespace

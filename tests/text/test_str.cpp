@@ -1,0 +1,138 @@
+// Narrow and wide strings against one reference model over random text, then what the model cannot reach.
+// Inputs sit in blocks of exactly their size, for AddressSanitizer; every output buffer has a canary behind it.
+#include <tarnel_util/tn_alloc.h>
+#include <tarnel_util/tn_str.h>
+#include <tarnel_util/tn_wstr.h>
+
+#include "support/alloc.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+// Both widths under one set of names, so that one test body checks both against the same model.
+template <class C> struct Lib;
+#define TN_LIB(P, C)                                                                                              \
+    template <> struct Lib<C> {                                                                                   \
+        static constexpr auto len = &P##_len, chr = &P##_chr, rchr = &P##_rchr, chrn = &P##_chrn;                \
+        static constexpr auto copy = &P##_copy, copy0 = &P##_copy0, copyn = &P##_copyn, copyn0 = &P##_copyn0;     \
+        static constexpr auto clone = &P##_clone, find = &P##_find, case_find = &P##_case_find, diff = &P##_diff,  \
+            case_diff = &P##_case_diff, diffn = &P##_diffn, case_diffn = &P##_case_diffn, lower = &P##_case_lower, \
+            upper = &P##_case_upper, lowern = &P##_case_lowern, uppern = &P##_case_uppern;                        \
+    }
+TN_LIB(tn_str, tn_uchar); TN_LIB(tn_wstr, tn_wchar);
+template <class C> using Text = std::vector<C>; // the characters, and for a string its terminator
+using Fold = unsigned (*)(unsigned);
+unsigned keep(unsigned c) { return c; }
+unsigned fold(unsigned c) { return c - 'A' < 26 ? c + 32 : c; } // ASCII letters only
+unsigned rise(unsigned c) { return c - 'a' < 26 ? c - 32 : c; }
+template <class C> tn_uint32 m_len(const Text<C> &s) { return tn_uint32(std::find(s.begin(), s.end(), 0) - s.begin()); }
+template <class C> tn_uint32 m_chr(const Text<C> &s, tn_uint32 n, C c, bool last) // first or last c of n, else n
+{ tn_uint32 at = n; for (tn_uint32 i = 0; i < n; ++i) at = s[i] == c && (last || at == n) ? i : at; return at; }
+template <class C> tn_uint32 m_find(const Text<C> &s, const Text<C> &sub, Fold f)
+{
+    return tn_uint32(std::search(&s[0], &s[m_len(s)], &sub[0], &sub[m_len(sub)], [f](C p, C q) { return f(p) == f(q); }) -
+                     &s[0]);
+}
+// The raw difference of the first unequal folded pair among n; a terminator ends the compare unless raw.
+template <class C> tn_int32 m_diff(const C *a, const C *b, tn_uint32 n, Fold f, bool raw)
+{ return !n ? 0 : f(*a) != f(*b) || (!*a && !raw) ? int(f(*a)) - int(f(*b)) : m_diff(a + 1, b + 1, n - 1, f, raw); }
+template <class C> tn_uint32 m_skip(const Text<C> &s, const Text<C> &set, bool in) // characters before one (not) in set
+{
+    const tn_uint32 ls = m_len(s), n = m_len(set);
+    tn_uint32 i = 0;
+    while (i < ls && (m_chr(set, n, s[i], false) < n) == in) ++i;
+    return i;
+}
+// Letters of both cases, the neighbours of the letter ranges, blanks and CR, and values that only look like letters
+// when cut to a byte (0x141) or that a signed compare misorders; U+00C9 and U+00E9 never fold.
+template <class C> const C abc[] = {'A', 'a', 'B', 'b', 'Z', 'z', '_', '@', '[', '`', '{', ' ', '\t', '\r',
+                                    C(0x80), C(0xC9), C(0xE9), C(0x141), C(0xFFFF)};
+template <class C> struct Gen {
+    std::mt19937 rng{20240611};
+    size_t below(size_t k) { return rng() % k; }
+    C pick() { return abc<C>[below(sizeof abc<C> / sizeof(C))]; }
+    C flip(C c) { return fold(c) - 'a' < 26 && below(2) ? C(c ^ 0x20) : c; }
+    Text<C> str(size_t most) { Text<C> s(below(most + 1)); for (C &c : s) c = pick(); return s.push_back(0), s; }
+    // Mostly a near copy of a: all of it, its tail or a piece, letters' case changed, a character changed or added.
+    Text<C> near(const Text<C> &a)
+    {
+        if (below(5) == 0) return str(4);
+        const size_t size = a.size() - 1, from = below(2) ? below(size + 1) : 0;
+        Text<C> b(a.begin() + from, a.begin() + (from && below(2) ? from + below(size - from + 1) : size));
+        for (C &c : b) c = flip(c);
+        if (!b.empty() && below(3) == 0) b[below(b.size())] = pick();
+        if (below(4) == 0) b.push_back(pick());
+        return b.push_back(0), b;
+    }
+};
+template <class C> class Strings : public tn_test::AllocTest {};
+using Widths = ::testing::Types<tn_uchar, tn_wchar>;
+TYPED_TEST_SUITE(Strings, Widths);
+TYPED_TEST(Strings, AgreeWithReferenceModel)
+{
+    using C = TypeParam;
+    using L = Lib<C>;
+    using testing::PrintToString;
+    const Text<C> blanks{' ', '\t', 0};
+    Gen<C> g;
+    for (int round = 0; round < 20000 && !this->HasFailure(); ++round) {
+        const Text<C> s = g.str(round % 2 ? 12 : 4), t = g.near(s), set = round % 3 ? g.str(3) : g.near(s);
+        const tn_uint32 n = tn_uint32(g.below(8)), ls = m_len(s), lt = m_len(t), k = std::min(n, ls);
+        const C c = g.below(5) ? g.pick() : C(0);
+        Text<C> x(n), y(n); // exactly n elements with zeros among them, for the forms that ignore terminators
+        for (tn_uint32 i = 0; i < n; ++i) x[i] = g.below(4) ? g.pick() : 0, y[i] = g.below(6) ? g.flip(x[i]) : g.pick();
+        const C *xp = n ? x.data() : s.data(), *yp = n ? y.data() : t.data();
+        SCOPED_TRACE("s " + PrintToString(s) + " t " + PrintToString(t) + " set " + PrintToString(set) + " c " +
+                     PrintToString(c) + " n " + PrintToString(n) + " x " + PrintToString(x) + " y " + PrintToString(y));
+        EXPECT_EQ(L::len(s.data()), ls);
+        EXPECT_EQ(L::chr(s.data(), c), m_chr(s, ls, c, false));
+        EXPECT_EQ(L::rchr(s.data(), c), m_chr(s, ls, c, true));
+        EXPECT_EQ(L::chrn(xp, n, c), m_chr(x, n, c, false));
+        EXPECT_EQ(L::find(s.data(), t.data()), m_find(s, t, keep));
+        EXPECT_EQ(L::case_find(s.data(), t.data()), m_find(s, t, fold));
+        EXPECT_EQ(L::diff(s.data(), t.data()), m_diff(s.data(), t.data(), ~0u, keep, false));
+        EXPECT_EQ(L::case_diff(s.data(), t.data()), m_diff(s.data(), t.data(), ~0u, fold, false));
+        EXPECT_EQ(L::diffn(s.data(), n, t.data()), m_diff(s.data(), t.data(), n, keep, false));
+        EXPECT_EQ(L::case_diffn(xp, n, yp), m_diff(xp, yp, n, fold, true));
+        for (tn_uint32 zero = 0; zero < 2; ++zero) { // what the contract lets each copy write, then a canary
+            Text<C> d(ls + 2, C('~')), d_want = d, dn(n + 1 + zero, C('~')), dn_want = dn;
+            std::copy(s.begin(), s.end(), d_want.begin());
+            std::copy(s.begin(), s.begin() + k, dn_want.begin());
+            if (k < n || zero) dn_want[k] = 0;
+            EXPECT_EQ((zero ? L::copy0 : L::copy)(d.data(), s.data()), ls + zero);
+            EXPECT_EQ((zero ? L::copyn0 : L::copyn)(dn.data(), n, s.data()), k + zero);
+            EXPECT_TRUE(d == d_want && dn == dn_want) << (zero ? "copy0 " : "copy ") << PrintToString(dn);
+        }
+        Text<C> o(s.size() + 2, C('~')); // copies go from the front, so text may move left within one buffer
+        std::copy(s.begin(), s.end(), o.begin() + 2);
+        EXPECT_TRUE(L::copy(o.data(), o.data() + 2) == ls && std::equal(s.begin(), s.end(), o.begin())) << "move left";
+        for (Fold f : {fold, rise}) { // in place, to the terminator or over exactly n, then a canary f would change
+            Text<C> str = s, buf = x, str_want, buf_want;
+            str.push_back(f == fold ? 'Q' : 'q'), buf.push_back(str.back()), str_want = str, buf_want = buf;
+            std::transform(s.begin(), s.end(), str_want.begin(), [f](C e) { return C(f(e)); });
+            std::transform(x.begin(), x.end(), buf_want.begin(), [f](C e) { return C(f(e)); });
+            (f == fold ? L::lower : L::upper)(str.data()), (f == fold ? L::lowern : L::uppern)(buf.data(), n);
+            EXPECT_TRUE(str == str_want && buf == buf_want) << (f == fold ? "lower" : "upper");
+        }
+        C *clone = o.data();
+        tn_test::fail_nth_allocation(round % 8 == 0); // every eighth clone meets exhausted memory: 0 and null
+        ASSERT_TRUE(L::clone(s.data(), &clone) ? Text<C>(clone, clone + ls + 1) == s : !clone && round % 8 == 0);
+        tn_alloc_free(clone);
+        ASSERT_TRUE((clone = o.data(), L::clone(nullptr, &clone)) && !clone); // a null source clones to null
+        if constexpr (sizeof(C) == 1) { // the members that exist for narrow text only
+            EXPECT_EQ(tn_str_end(s.data(), t.data()), ls >= lt && m_diff(&s[ls - lt], t.data(), lt, keep, true) == 0);
+            EXPECT_EQ(tn_str_case_end(s.data(), t.data()), ls >= lt && !m_diff(&s[ls - lt], t.data(), lt, fold, true));
+            EXPECT_EQ(tn_str_skip_till(s.data(), set.data()), m_skip(s, set, false));
+            EXPECT_EQ(tn_str_skip_while(s.data(), set.data()), m_skip(s, set, true));
+            EXPECT_EQ(tn_str_skip_word(s.data()), m_skip(s, blanks, false));
+            EXPECT_EQ(tn_str_skip_space(s.data()), m_skip(s, blanks, true));
+            EXPECT_EQ(tn_str_contain(s.data(), c), m_chr(s, ls, c, false) < ls ? c : 0);
+        }
+    }
+}
+
+} // namespace

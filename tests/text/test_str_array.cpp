@@ -1,0 +1,125 @@
+#include <tarnel_util/tn_str_array.h>
+#include <tarnel_util/tn_str_list.h>
+
+#include "support/alloc.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Model = std::vector<std::string>;
+const tn_uchar *u(const std::string &s) { return reinterpret_cast<const tn_uchar *>(s.c_str()); }
+std::string pool(const tn_str_array &x) { return std::string(static_cast<const char *>(tn_array_get(&x.pool)), tn_array_bytes(&x.pool)); }
+// Two arrays agree in their first n strings exactly when these prefixes are equal.
+Model head(const Model &v, size_t n) { return Model(v.begin(), v.begin() + static_cast<long>(std::min(n, v.size()))); }
+
+class StrArray : public tn_test::AllocTest {
+protected:
+    tn_str_array a{}, b{}, m{};
+    void SetUp() override { AllocTest::SetUp(), tn_str_array_init(&a), tn_str_array_init(&b), tn_str_array_init(&m); }
+    void TearDown() override { tn_str_array_free(&a), tn_str_array_free(&b), tn_str_array_free(&m), AllocTest::TearDown(); }
+    static void fill(tn_str_array *x, const Model &v) { tn_str_array_free(x); for (const auto &s : v) ASSERT_TRUE(tn_str_array_cato(x, u(s))); }
+    // The invariant of a sound array against its model; w is a near copy of v to diff against.
+    void check(const tn_str_array &x, const Model &v, const Model &w)
+    {
+        size_t bytes = v.size(); // the strings lie end to end, each with its terminator
+        for (const auto &s : v) bytes += s.size();
+        ASSERT_TRUE(!tn_str_array_failed(&x) && tn_array_bytes(&x.pool) == bytes && tn_str_array_length(&x) == v.size())
+            << "pool " << pool(x);
+        const tn_uchar *p = static_cast<const tn_uchar *>(tn_array_get(&x.pool)), *const *e = tn_str_array_get(&x);
+        for (tn_uint32 i = 0; i < v.size(); p += std::strlen(reinterpret_cast<const char *>(p)) + 1, ++i) {
+            ASSERT_TRUE(e[i] == p && tn_str_array_get_pos(&x, i) == p) << "entry " << i << " does not point at its string";
+            ASSERT_STREQ(reinterpret_cast<const char *>(p), v[i].c_str()) << "entry " << i;
+            ASSERT_EQ(tn_str_array_find(&x, p), std::find(v.begin(), v.end(), v[i]) - v.begin()) << "entry " << i;
+        }
+        EXPECT_TRUE(!tn_str_array_get_pos(&x, static_cast<tn_uint32>(v.size())) && tn_str_array_find(&x, u("zz")) == v.size());
+        EXPECT_EQ(tn_str_array_get_end(&x), v.empty() ? nullptr : e[v.size() - 1]);
+        ASSERT_NO_FATAL_FAILURE(fill(&m, w));
+        EXPECT_TRUE(tn_str_array_diff(&x, &m) == (v != w) && tn_str_array_diff(&m, &x) == (v != w));
+        for (tn_uint32 n = 0; n <= v.size() + 1; ++n)
+            EXPECT_EQ(tn_str_array_diffn(&x, n, &m), head(v, n) != head(w, n) ? 1 : 0) << "diffn n " << n;
+    }
+};
+
+TEST_F(StrArray, MatchesAModelOfStrings)
+{
+    std::mt19937 rng(20240611);
+    auto pick = [&](size_t n) { return static_cast<tn_uint32>(rng() % n); };
+    // Short words over a small alphabet repeat, so find meets duplicates; the long ones move the pool.
+    auto word = [&](std::string s = {}) { for (auto l = pick(8) ? pick(5) : 40 + pick(200); l--;) s += "abc"[pick(3)]; return s; };
+    Model v, bv;
+    for (int step = 0; step < 6000 && !HasFailure(); ++step) {
+        for (bv.clear(); bv.size() < pick(4);) bv.push_back(word());
+        ASSERT_NO_FATAL_FAILURE(fill(&b, bv));
+        std::string s = word();
+        auto len = static_cast<tn_uint32>(v.size()), pos = pick(len + 2), k = pick(bv.size() + 1), n = pick(s.size() + 1);
+        if (pick(16) == 0) pos = 0xFFFFFFFFu;
+        int op = static_cast<int>(pick(15)), armed = pick(3) == 0 ? 1 + static_cast<int>(pick(2)) : 0;
+        if (op == 11 && pick(4)) pos = len ? pos % len : 0; // mostly valid removes, so the array grows
+        SCOPED_TRACE(testing::Message() << "step " << step << " op " << op << " len " << len << " pos " << pos << " k " << k
+                                        << " n " << n << " fail " << armed << " s " << s);
+        Model want = v, src = head(bv, k);
+        tn_bool got = 0, ok = 1, in = pos <= len;
+        tn_test::fail_nth_allocation(armed);
+        switch (op) {
+        case 0: case 1: got = tn_str_array_cato(&a, u(s)); want.push_back(s); break;
+        case 2: got = tn_str_array_caton(&a, u(s), n); want.push_back(s.substr(0, n)); break;
+        case 3: got = tn_str_array_inserto(&a, u(s), pos); if ((ok = in)) want.insert(want.begin() + pos, s); break;
+        case 4: got = tn_str_array_inserton(&a, u(s), n, pos); if ((ok = in)) want.insert(want.begin() + pos, s.substr(0, n)); break;
+        case 5: got = tn_str_array_cat(&a, &b); want.insert(want.end(), bv.begin(), bv.end()); break;
+        case 6: got = tn_str_array_catn(&a, &b, k); want.insert(want.end(), src.begin(), src.end()); break;
+        case 7: got = tn_str_array_copy(&a, &b); want = bv; break;
+        case 8: got = tn_str_array_copyn(&a, &b, k); want = src; break;
+        case 9: got = tn_str_array_insert(&a, &b, pos); if ((ok = in || bv.empty()) && in) want.insert(want.begin() + pos, bv.begin(), bv.end()); break;
+        case 10: got = tn_str_array_insertn(&a, &b, k, pos); if ((ok = in || !k) && in) want.insert(want.begin() + pos, src.begin(), src.end()); break;
+        case 11: got = tn_str_array_remove(&a, pos); if ((ok = pos < len)) want.erase(want.begin() + pos); break;
+        case 12: got = tn_str_array_remove_end(&a); if ((ok = len > 0)) want.pop_back(); break;
+        default: got = tn_str_array_truncate_length(&a, k = pick(len + 1)); want.resize(k); break;
+        }
+        bool fired = tn_test::failure_fired();
+        tn_test::fail_nth_allocation(0);
+        if (fired || (op == 11 && !ok)) { // a failed array reads as empty and refuses changes until freed
+            EXPECT_TRUE(!got && tn_array_failed(&a.entries) && tn_array_failed(&a.pool));
+            EXPECT_TRUE(!tn_str_array_length(&a) && !tn_str_array_find(&a, u(s)) && !tn_str_array_get_pos(&a, 0) && !tn_str_array_get_end(&a));
+            EXPECT_TRUE(tn_str_array_cat(&b, &a) && tn_str_array_insert(&b, &a, 0) && tn_str_array_length(&b) == bv.size());
+            EXPECT_TRUE(!tn_str_array_cato(&a, u(s)) && !tn_str_array_truncate(&a) && tn_str_array_diff(&a, &b) == !bv.empty());
+            EXPECT_TRUE(tn_str_array_copyn(&a, &b, 0) && tn_str_array_failed(&a)); // an empty copy: 1, still failed
+            tn_str_array_free(&a), v.clear(); // usable again at once
+            continue;
+        }
+        EXPECT_EQ(got, ok ? 1 : 0);
+        if (ok) v = want;
+        Model w = v; // a near copy to diff against
+        if (auto d = pick(4); d < 2 && !w.empty()) d ? w.pop_back() : void(w[pick(w.size())] += "x");
+        else if (d == 2) w.push_back("");
+        check(a, v, w);
+    }
+}
+
+template <class C>
+void clone_find_free(tn_bool (*clone)(C *const *, C ***), void (*release)(C **), tn_uint32 (*find)(C *const *, const C *))
+{
+    std::vector<std::vector<C>> words;
+    for (const char *s : {"alpha", "", "gamma", "beta"}) words.emplace_back(s, s + std::strlen(s) + 1);
+    std::vector<C *> list{words[0].data(), words[1].data(), words[2].data(), nullptr};
+    C *const none[] = {nullptr}, **r;
+    EXPECT_EQ(tn_test::sweep_alloc_failures([&] { // the block and one per string
+        if (r = list.data(), !clone(list.data(), &r)) { EXPECT_EQ(r, nullptr); return false; }
+        for (size_t i = 0; i < 3; ++i) EXPECT_TRUE(r[i] != list[i] && std::equal(words[i].begin(), words[i].end(), r[i]));
+        EXPECT_TRUE(r[3] == nullptr && find(r, words[2].data()) == 2 && find(r, words[1].data()) == 1);
+        return release(r), true;
+    }), 4);
+    EXPECT_TRUE(find(list.data() + 1, words[3].data()) == 2 && !find(none, words[0].data()) && !find(nullptr, words[0].data()));
+    EXPECT_TRUE((r = list.data(), clone(nullptr, &r)) && r == nullptr);
+    ASSERT_TRUE(clone(none, &r) && r != nullptr && r[0] == nullptr); // an empty list: a block holding one null
+    release(r), release(nullptr);
+}
+class StrList : public tn_test::AllocTest {};
+TEST_F(StrList, NarrowCloneFindFree) { clone_find_free<tn_uchar>(tn_str_list_clone, tn_str_list_free, tn_str_list_find); }
+TEST_F(StrList, WideCloneFindFree) { clone_find_free<tn_wchar>(tn_wstr_list_clone, tn_wstr_list_free, tn_wstr_list_find); }
+
+} // namespace
