@@ -3,8 +3,10 @@
 # event, io and log (io waits in event's poll), then codec and http; xml
 # stands on text alone. Private headers are named from the one include root
 # src/ ("core/checked.h"), never by a relative path, and carry no tn_ prefix.
-# The platform folder implements interfaces for every subsystem and is
-# exempt; a new public header must be placed in the table below.
+# The portable folders include no operating-system header, only the C++
+# standard library's and C99's (and xml its two parsers'). The platform folder
+# implements interfaces for every subsystem and is exempt; a new public
+# header must be placed in the table below.
 cmake_policy(VERSION 3.25)
 if(NOT SOURCE_DIR)
   message(FATAL_ERROR "check_layers.cmake needs -DSOURCE_DIR=...")
@@ -66,6 +68,14 @@ function(check_file file owner)
         string(APPEND faults "${shown}: ${public}.h has no place in the table of check_layers.cmake\n")
         continue()
       endif()
+    elseif(line MATCHES "<([^>]+)>")
+      set(system ${CMAKE_MATCH_1})
+      if(system MATCHES "^(stddef|stdint|stdarg|limits)\\.h$")
+        # C99's own headers, which the public headers need.
+      elseif(system MATCHES "[/.]" AND NOT (owner STREQUAL "xml" AND system MATCHES "^(libxml/|expat\\.h$)"))
+        string(APPEND faults "${shown}: an operating-system header outside src/platform: ${line}\n")
+      endif()
+      continue()
     elseif(line MATCHES "\"([^\"]+)\"")
       set(path ${CMAKE_MATCH_1})
       if(path MATCHES "\\.\\.")
