@@ -1,7 +1,13 @@
 #include "core/byte_find.h"
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 // Two-Way search: the needle is cut at a critical factorisation into a left
 // and a right part; each window compares the right part forwards, then the
@@ -102,32 +108,140 @@ size_t two_way(const tn_uchar *hay, size_t n, const tn_uchar *needle, size_t m)
     return n;
 }
 
+// A search that checks only candidate windows, those whose first and last
+// bytes match, in order. The compares spent on candidates that fail are
+// charged to a budget of a quarter of the haystack; once candidates prove
+// that dense (periodic needles, runs of one byte), Two-Way takes over from
+// the next unchecked window, so the whole search stays linear.
+struct candidates {
+    const tn_uchar *hay;
+    size_t n;
+    const tn_uchar *needle;
+    size_t m;
+    size_t budget;
+};
+
+enum class verdict { none, hit, dense };
+
+// What a scan settled: a match at `at`, none, or candidates too dense, with
+// `at` the first window not yet checked.
+struct outcome {
+    verdict kind;
+    size_t at;
+};
+
+// The window at `at` has the needle's first byte; compares the last byte,
+// then the ones between. A miss costs at least one unit of the budget, so
+// that a scan over a run of one byte gives up as soon as a dense one would.
+verdict check(candidates &c, size_t at)
+{
+    const tn_uchar *w = c.hay + at;
+    size_t i = 1;
+    if (w[c.m - 1] == c.needle[c.m - 1]) {
+        while (i + 1 < c.m && w[i] == c.needle[i]) ++i;
+        if (i + 1 >= c.m) return verdict::hit;
+    }
+    if (c.budget < i) return verdict::dense;
+    c.budget -= i;
+    return verdict::none;
+}
+
+outcome settle(candidates &c, size_t at)
+{
+    verdict v = check(c, at);
+    return {v, v == verdict::dense ? at + 1 : at};
+}
+
+// The portable scan: memchr to each window that starts with the first byte.
+outcome scan_scalar(candidates &c)
+{
+    const tn_uchar *end = c.hay + (c.n - c.m) + 1; // one past the last window
+    for (const tn_uchar *p = c.hay; p < end; ++p) {
+        p = static_cast<const tn_uchar *>(std::memchr(p, c.needle[0], static_cast<size_t>(end - p)));
+        if (!p) break;
+        outcome o = settle(c, static_cast<size_t>(p - c.hay));
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+#if defined(__SSE2__)
+
+constexpr size_t block = 16;
+
+// Bit k set: the window at p + k starts with the needle's first byte and
+// ends with its last. Reads p[0, 16) and p[last, last + 16).
+unsigned block_mask(const tn_uchar *p, size_t last, __m128i first_byte, __m128i last_byte)
+{
+    __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + last));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(a, first_byte), _mm_cmpeq_epi8(b, last_byte))));
+}
+
+// The candidates of a mask whose bit k stands for the window at base + k.
+outcome resolve(candidates &c, size_t base, std::uint64_t mask)
+{
+    for (; mask; mask &= mask - 1) {
+        outcome o = settle(c, base + static_cast<size_t>(std::countr_zero(mask)));
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+// Sixteen windows a step, two blocks at a time while they last, and an
+// overlapping last block for the remainder rather than a byte-wise tail. At
+// least one block of windows is required.
+outcome scan_sse2(candidates &c)
+{
+    const size_t windows = c.n - c.m + 1, last = c.m - 1;
+    const __m128i first_byte = _mm_set1_epi8(static_cast<char>(c.needle[0]));
+    const __m128i last_byte = _mm_set1_epi8(static_cast<char>(c.needle[last]));
+    size_t base = 0;
+    for (; base + 2 * block <= windows; base += 2 * block) {
+        std::uint64_t mask = block_mask(c.hay + base, last, first_byte, last_byte) |
+                             block_mask(c.hay + base + block, last, first_byte, last_byte) << block;
+        if (!mask) continue;
+        outcome o = resolve(c, base, mask);
+        if (o.kind != verdict::none) return o;
+    }
+    for (; base < windows; base += block) {
+        // The final block ends at the last window; bits of windows seen
+        // already are dropped.
+        size_t at = base + block <= windows ? base : windows - block;
+        std::uint64_t mask = block_mask(c.hay + at, last, first_byte, last_byte) >> (base - at) << (base - at);
+        outcome o = resolve(c, at, mask);
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+#endif
+
+outcome scan(candidates &c)
+{
+#if defined(__SSE2__)
+    if (c.n - c.m + 1 >= block) return scan_sse2(c);
+#endif
+    return scan_scalar(c);
+}
+
 } // namespace
 
 tn_uint32 byte_find(const tn_uchar *haystack, tn_uint32 n, const tn_uchar *needle, tn_uint32 m)
 {
     if (m > n) return n;
-    // Ordinary data is searched fastest by memchr to the next first byte and
-    // a short compare; Two-Way's set-up alone would cost more than a whole
-    // search in a header block. That plain scan turns quadratic on repetitive
-    // input, though, so once its compares beyond the second byte of each
-    // window add up to a quarter of the haystack, Two-Way takes over from
-    // where it stopped. A needle of one or two bytes never gets there.
-    const tn_uchar *end = haystack + (n - m) + 1; // one past the last window
-    size_t budget = n / 4;
-    for (const tn_uchar *p = haystack; p < end; ++p) {
-        p = static_cast<const tn_uchar *>(std::memchr(p, needle[0], static_cast<size_t>(end - p)));
-        if (!p) break;
-        size_t i = 1;
-        while (i < m && p[i] == needle[i]) ++i;
-        if (i == m) return static_cast<tn_uint32>(p - haystack);
-        if (i - 1 > budget) {
-            size_t from = static_cast<size_t>(p - haystack) + 1;
-            return static_cast<tn_uint32>(from + two_way(p + 1, n - from, needle, m));
-        }
-        budget -= i - 1;
+    if (m == 1) {
+        const void *hit = std::memchr(haystack, needle[0], n);
+        return hit ? static_cast<tn_uint32>(static_cast<const tn_uchar *>(hit) - haystack) : n;
     }
-    return n;
+    // Two-Way's set-up alone would cost more than a whole search in a header
+    // block, and the candidate scan is faster still on ordinary data; Two-Way
+    // is kept for the inputs that defeat the scan.
+    candidates c{haystack, n, needle, m, n / 4u};
+    outcome o = scan(c);
+    if (o.kind != verdict::dense) return static_cast<tn_uint32>(o.at);
+    return static_cast<tn_uint32>(o.at + two_way(haystack + o.at, n - o.at, needle, m));
 }
 
 } // namespace tn
