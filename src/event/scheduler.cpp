@@ -88,81 +88,6 @@ private:
 // is cheaper than sorting.
 constexpr std::size_t index_threshold = 4096;
 
-// Each request in arrival order: over the table's record with its id (none
-// if that record is flagged), else in at position 0.
-void apply_one_by_one(tn_scheduler *s)
-{
-    tn_uint32 n = tn_array_length(&s->pending);
-    for (tn_uint32 i = 0; i < n; ++i) {
-        const tn_scheduled_task *request = task_at(&s->pending, i);
-        if (tn_scheduled_task *task = find(&s->tasks, request->id)) {
-            if (!task->removed) *task = *request;
-        } else {
-            tn_array_insertn(&s->tasks, request, 1, 0);
-        }
-    }
-}
-
-// The same result in n log n: the table's records take their requests
-// through an index of pending, and the requests left over go in at the
-// front together, newest first, as one at a time at position 0 would have
-// put them. Requests that share an id (ids wrapped onto a waiting one) need
-// the order of the plain walk; false then, and when memory fails.
-bool apply_by_index(tn_scheduler *s)
-{
-    id_index pending;
-    if (!pending.build(&s->pending) || pending.has_repeats()) return false;
-    tn_scheduled_task *requests = task_at(&s->pending, 0);
-    tn_uint32 table_length = tn_array_length(&s->tasks);
-    for (tn_uint32 i = 0; i < table_length; ++i) {
-        tn_scheduled_task *task = task_at(&s->tasks, i);
-        tn_uint32 at = pending.find(task->id);
-        if (at == no_position) continue;
-        if (!task->removed) *task = requests[at];
-        requests[at].id = 0; // applied; pending ids are never 0
-    }
-    tn_uint32 fresh = 0, n = tn_array_length(&s->pending);
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (requests[i].id) requests[fresh++] = requests[i];
-    if (fresh && tn_array_insertn(&s->tasks, requests, fresh, 0)) {
-        tn_scheduled_task *front = task_at(&s->tasks, 0);
-        std::reverse(front, front + fresh);
-    }
-    return true;
-}
-
-// Lets go of the flagged records, from the end as a removal at a time
-// would, then closes the gaps in one sweep.
-void drop_removed(tn_array *tasks)
-{
-    tn_uint32 n = tn_array_length(tasks), kept = 0;
-    tn_scheduled_task *records = task_at(tasks, 0);
-    for (tn_uint32 i = n; i-- > 0;)
-        if (records[i].removed) tn_scheduled_task_free(&records[i]);
-    for (tn_uint32 i = 0; i < n; ++i)
-        if (!records[i].removed) records[kept++] = records[i];
-    if (kept < n) tn_array_truncate_length(tasks, kept);
-}
-
-// Called under the lock. The table's record is overwritten whole and its
-// user free is not called for it: the request carries the same user.
-void apply_pending(tn_scheduler *s)
-{
-    std::size_t requests = tn_array_length(&s->pending), records = tn_array_length(&s->tasks);
-    if (requests && (requests * (records + requests) < index_threshold || !apply_by_index(s))) apply_one_by_one(s);
-    tn_array_truncate(&s->pending);
-    drop_removed(&s->tasks);
-}
-
-void let_go(tn_scheduler *s)
-{
-    {
-        tn::lock_guard lock(&s->lock);
-        if (lock.held()) apply_pending(s);
-    }
-    tn_scheduled_task_array_truncate_object(&s->tasks);
-}
-
 // During a pass, which tasks of the table have a request waiting in the
 // pending list. The pass adds one request per fired task, so asking the list
 // each time would make the pass quadratic. Ids stay in the list until the
@@ -238,6 +163,81 @@ tn_bool follow_up(tn_scheduler *s, requests_seen &seen, tn_uint32 position, tn_t
     if (!tn::append_or_keep(&s->pending, &request, 1)) return 0;
     seen.appended();
     return 1;
+}
+
+// Each request in arrival order: over the table's record with its id (none
+// if that record is flagged), else in at position 0.
+void apply_one_by_one(tn_scheduler *s)
+{
+    tn_uint32 n = tn_array_length(&s->pending);
+    for (tn_uint32 i = 0; i < n; ++i) {
+        const tn_scheduled_task *request = task_at(&s->pending, i);
+        if (tn_scheduled_task *task = find(&s->tasks, request->id)) {
+            if (!task->removed) *task = *request;
+        } else {
+            tn_array_insertn(&s->tasks, request, 1, 0);
+        }
+    }
+}
+
+// The same result in n log n: the table's records take their requests
+// through an index of pending, and the requests left over go in at the
+// front together, newest first, as one at a time at position 0 would have
+// put them. Requests that share an id (ids wrapped onto a waiting one) need
+// the order of the plain walk; false then, and when memory fails.
+bool apply_by_index(tn_scheduler *s)
+{
+    id_index pending;
+    if (!pending.build(&s->pending) || pending.has_repeats()) return false;
+    tn_scheduled_task *requests = task_at(&s->pending, 0);
+    tn_uint32 table_length = tn_array_length(&s->tasks);
+    for (tn_uint32 i = 0; i < table_length; ++i) {
+        tn_scheduled_task *task = task_at(&s->tasks, i);
+        tn_uint32 at = pending.find(task->id);
+        if (at == no_position) continue;
+        if (!task->removed) *task = requests[at];
+        requests[at].id = 0; // applied; pending ids are never 0
+    }
+    tn_uint32 fresh = 0, n = tn_array_length(&s->pending);
+    for (tn_uint32 i = 0; i < n; ++i)
+        if (requests[i].id) requests[fresh++] = requests[i];
+    if (fresh && tn_array_insertn(&s->tasks, requests, fresh, 0)) {
+        tn_scheduled_task *front = task_at(&s->tasks, 0);
+        std::reverse(front, front + fresh);
+    }
+    return true;
+}
+
+// Lets go of the flagged records, from the end as a removal at a time
+// would, then closes the gaps in one sweep.
+void drop_removed(tn_array *tasks)
+{
+    tn_uint32 n = tn_array_length(tasks), kept = 0;
+    tn_scheduled_task *records = task_at(tasks, 0);
+    for (tn_uint32 i = n; i-- > 0;)
+        if (records[i].removed) tn_scheduled_task_free(&records[i]);
+    for (tn_uint32 i = 0; i < n; ++i)
+        if (!records[i].removed) records[kept++] = records[i];
+    if (kept < n) tn_array_truncate_length(tasks, kept);
+}
+
+// Called under the lock. The table's record is overwritten whole and its
+// user free is not called for it: the request carries the same user.
+void apply_pending(tn_scheduler *s)
+{
+    std::size_t requests = tn_array_length(&s->pending), records = tn_array_length(&s->tasks);
+    if (requests && (requests * (records + requests) < index_threshold || !apply_by_index(s))) apply_one_by_one(s);
+    tn_array_truncate(&s->pending);
+    drop_removed(&s->tasks);
+}
+
+void let_go(tn_scheduler *s)
+{
+    {
+        tn::lock_guard lock(&s->lock);
+        if (lock.held()) apply_pending(s);
+    }
+    tn_scheduled_task_array_truncate_object(&s->tasks);
 }
 
 } // namespace
