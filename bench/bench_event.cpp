@@ -247,7 +247,7 @@ struct pthread_side {
     };
     latency(benchmark::RegisterBenchmark("net_request_latency/tn_net_set_net_task", request_tn_net));
     latency(benchmark::RegisterBenchmark("net_request_latency/uv_async_send", uv_async_latency));
-    for (size_t tasks : {100, 1000}) {
+    for (size_t tasks : {100, 1000, 10000}) {
         std::string base = "scheduler_pass/" + std::to_string(tasks);
         benchmark::RegisterBenchmark((base + "_not_due").c_str(), pass_scheduler, tasks, false)
             ->Unit(benchmark::kMicrosecond);

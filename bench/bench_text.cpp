@@ -10,12 +10,14 @@
 #include <tarnel_util/tn_str.h>
 #include <tarnel_util/tn_str_array.h>
 #include <tarnel_util/tn_utf8.h>
+#include <tarnel_util/tn_wstr.h>
 #include <tarnel_util/tn_wchar_array.h>
 #include <tarnel_util/tn_uchar_array.h>
 #include <tarnel_util/tn_array.h>
 
 #include <iconv.h>
 
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <random>
@@ -187,6 +189,55 @@ BENCHMARK_CAPTURE(str_chr, tn, true)->Name("str_chr/tn")->Arg(16)->Arg(4096);
 BENCHMARK_CAPTURE(str_chr, libc, false)->Name("str_chr/strchr")->Arg(16)->Arg(4096);
 BENCHMARK_CAPTURE(str_find, tn, true)->Name("str_find/tn")->Arg(16)->Arg(4096);
 BENCHMARK_CAPTURE(str_find, libc, false)->Name("str_find/strstr")->Arg(16)->Arg(4096);
+
+// Case-blind search: the word in upper case at the end of mixed-case text,
+// and "aaa...ab" in a run of 'A', where a start-by-start walk compares the
+// whole needle at every start.
+struct case_find_case {
+    std::string haystack, needle;
+};
+
+const case_find_case &case_find_input(bool adversarial)
+{
+    static const case_find_case text = [] {
+        std::string s = haystack(65536);
+        for (size_t i = 0; i < s.size(); i += 3) s[i] = static_cast<char>(std::toupper(s[i]));
+        return case_find_case{s, "WXYZ"};
+    }();
+    static const case_find_case repeated{std::string(65536, 'A'), std::string(63, 'a') + 'b'};
+    return adversarial ? repeated : text;
+}
+
+void str_case_find(benchmark::State &state, bool adversarial, bool library)
+{
+    const case_find_case &c = case_find_input(adversarial);
+    const tn_uchar *t = reinterpret_cast<const tn_uchar *>(c.haystack.c_str());
+    const tn_uchar *word = reinterpret_cast<const tn_uchar *>(c.needle.c_str());
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(t);
+        if (library)
+            benchmark::DoNotOptimize(tn_str_case_find(t, word));
+        else
+            benchmark::DoNotOptimize(strcasestr(c.haystack.c_str(), c.needle.c_str()));
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * c.haystack.size()));
+}
+
+void wstr_case_find(benchmark::State &state, bool adversarial)
+{
+    const case_find_case &c = case_find_input(adversarial);
+    const std::vector<tn_wchar> t(c.haystack.c_str(), c.haystack.c_str() + c.haystack.size() + 1);
+    const std::vector<tn_wchar> word(c.needle.c_str(), c.needle.c_str() + c.needle.size() + 1);
+    for (auto _ : state) benchmark::DoNotOptimize(tn_wstr_case_find(t.data(), word.data()));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * c.haystack.size()));
+}
+
+BENCHMARK_CAPTURE(str_case_find, text_tn, false, true)->Name("case_find/text_64K/tn_str_case_find");
+BENCHMARK_CAPTURE(str_case_find, text_libc, false, false)->Name("case_find/text_64K/strcasestr");
+BENCHMARK_CAPTURE(wstr_case_find, text_wide, false)->Name("case_find/text_64K/tn_wstr_case_find");
+BENCHMARK_CAPTURE(str_case_find, aaab_tn, true, true)->Name("case_find/AAAAb_64K/tn_str_case_find");
+BENCHMARK_CAPTURE(str_case_find, aaab_libc, true, false)->Name("case_find/AAAAb_64K/strcasestr");
+BENCHMARK_CAPTURE(wstr_case_find, aaab_wide, true)->Name("case_find/AAAAb_64K/tn_wstr_case_find");
 
 // ---- UTF-8 ------------------------------------------------------------------
 // 64 KiB of mixed text: ASCII runs with Latin, Greek, CJK and a few

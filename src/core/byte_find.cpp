@@ -1,133 +1,205 @@
 #include "core/byte_find.h"
 
-#include <cstddef>
-#include <cstring>
+#include "core/two_way.h"
 
-// Two-Way search: the needle is cut at a critical factorisation into a left
-// and a right part; each window compares the right part forwards, then the
-// left part backwards. A mismatch in the right part shifts past it, a
-// mismatch in the left part shifts by the period, and for a periodic needle
-// the part already known to match is remembered so that nothing is compared
-// twice. That bounds the work by about 2n comparisons with O(1) memory,
-// where a naive scan can take n times m on inputs such as "aaaa" / "aaab".
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace tn {
 namespace {
 
 using std::size_t;
 
-// The start of the greatest suffix of x[0, m) in byte order (in the reverse
-// order when `reversed`), and in *period that suffix's smallest period. One
-// left-to-right pass comparing a candidate suffix against the best so far.
-size_t greatest_suffix(const tn_uchar *x, size_t m, bool reversed, size_t *period)
+// A search that checks only candidate windows, those whose first and last
+// bytes match, in order. The compares spent on candidates that fail are
+// charged to a budget of a quarter of the haystack; once candidates prove
+// that dense (periodic needles, runs of one byte), Two-Way takes over from
+// the next unchecked window, so the whole search stays linear. Bytes are
+// compared as Fold maps them: as they are, or ASCII letters in lower case.
+template <class Fold>
+struct candidates {
+    const tn_uchar *hay;
+    size_t n;
+    const tn_uchar *needle;
+    size_t m;
+    size_t budget;
+    Fold fold;
+};
+
+enum class verdict { none, hit, dense };
+
+// What a scan settled: a match at `at`, none, or candidates too dense, with
+// `at` the first window not yet checked.
+struct outcome {
+    verdict kind;
+    size_t at;
+};
+
+// The window at `at` has the needle's first byte; compares the last byte,
+// then the ones between. Every miss costs at least one unit of the budget,
+// so that a flood of candidates failing at once also hands over to Two-Way.
+template <class Fold>
+verdict check(candidates<Fold> &c, size_t at)
 {
-    size_t best = 0, candidate = 1, k = 0, p = 1;
-    while (candidate + k < m) {
-        tn_uchar a = x[candidate + k], b = x[best + k];
-        if (a == b) {
-            // Still repeating the best suffix's period: go on inside it, or
-            // skip a whole repetition once it is complete.
-            if (k + 1 == p) {
-                candidate += p;
-                k = 0;
-            } else {
-                ++k;
-            }
-        } else if ((a < b) != reversed) {
-            // Every suffix starting up to the mismatch is smaller, and the
-            // best suffix's period now reaches to the mismatch.
-            candidate += k + 1;
-            k = 0;
-            p = candidate - best;
-        } else {
-            // The candidate is greater: it becomes the best.
-            best = candidate;
-            candidate = best + 1;
-            k = 0;
-            p = 1;
-        }
+    const tn_uchar *w = c.hay + at;
+    size_t i = 1;
+    if (c.fold(w[c.m - 1]) == c.fold(c.needle[c.m - 1])) {
+        while (i + 1 < c.m && c.fold(w[i]) == c.fold(c.needle[i])) ++i;
+        if (i + 1 >= c.m) return verdict::hit;
     }
-    *period = p;
-    return best;
+    if (c.budget < i) return verdict::dense;
+    c.budget -= i;
+    return verdict::none;
 }
 
-// The offset of the first occurrence in hay[0, n), or n.
-size_t two_way(const tn_uchar *hay, size_t n, const tn_uchar *needle, size_t m)
+template <class Fold>
+outcome settle(candidates<Fold> &c, size_t at)
+{
+    verdict v = check(c, at);
+    return {v, v == verdict::dense ? at + 1 : at};
+}
+
+// The first window from `at` on, below `windows`, that starts with the
+// needle's first byte; `windows` if there is none.
+template <class Fold>
+size_t next_start(const candidates<Fold> &c, size_t at, size_t windows)
+{
+    if constexpr (std::is_same_v<Fold, same_char>) {
+        const void *hit = std::memchr(c.hay + at, c.needle[0], windows - at);
+        return hit ? static_cast<size_t>(static_cast<const tn_uchar *>(hit) - c.hay) : windows;
+    } else {
+        const tn_uchar first = c.fold(c.needle[0]);
+        while (at < windows && c.fold(c.hay[at]) != first) ++at;
+        return at;
+    }
+}
+
+// The portable scan, and the one for fewer windows than a vector holds.
+template <class Fold>
+outcome scan_scalar(candidates<Fold> &c)
+{
+    const size_t windows = c.n - c.m + 1;
+    for (size_t at = next_start(c, 0, windows); at < windows; at = next_start(c, at + 1, windows)) {
+        outcome o = settle(c, at);
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+#if defined(__SSE2__)
+
+constexpr size_t block = 16;
+
+// Sixteen lanes of one needle byte: under ASCII folding a letter is sought
+// in both its cases.
+template <class Fold>
+struct lanes {
+    __m128i one, other;
+
+    lanes(tn_uchar b, Fold fold)
+    {
+        tn_uchar low = fold(b), high = low >= 'a' && low <= 'z' ? static_cast<tn_uchar>(low - ('a' - 'A')) : low;
+        one = _mm_set1_epi8(static_cast<char>(low));
+        other = _mm_set1_epi8(static_cast<char>(high));
+    }
+
+    __m128i match(const tn_uchar *p) const
+    {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+        if constexpr (std::is_same_v<Fold, same_char>)
+            return _mm_cmpeq_epi8(v, one);
+        else
+            return _mm_or_si128(_mm_cmpeq_epi8(v, one), _mm_cmpeq_epi8(v, other));
+    }
+};
+
+// Bit k set: the window at p + k starts with the needle's first byte and
+// ends with its last. Reads p[0, 16) and p[last, last + 16).
+template <class Fold>
+unsigned block_mask(const tn_uchar *p, size_t last, const lanes<Fold> &first, const lanes<Fold> &final)
+{
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(first.match(p), final.match(p + last))));
+}
+
+// The candidates of a mask whose bit k stands for the window at base + k.
+template <class Fold>
+outcome resolve(candidates<Fold> &c, size_t base, std::uint64_t mask)
+{
+    for (; mask; mask &= mask - 1) {
+        outcome o = settle(c, base + static_cast<size_t>(std::countr_zero(mask)));
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+// Sixteen windows a step, two blocks at a time while they last, and an
+// overlapping last block for the remainder rather than a byte-wise tail. At
+// least one block of windows is required.
+template <class Fold>
+outcome scan_sse2(candidates<Fold> &c)
+{
+    const size_t windows = c.n - c.m + 1, last = c.m - 1;
+    const lanes<Fold> first(c.needle[0], c.fold), final(c.needle[last], c.fold);
+    size_t base = 0;
+    for (; base + 2 * block <= windows; base += 2 * block) {
+        std::uint64_t mask = block_mask(c.hay + base, last, first, final) |
+                             block_mask(c.hay + base + block, last, first, final) << block;
+        if (!mask) continue;
+        outcome o = resolve(c, base, mask);
+        if (o.kind != verdict::none) return o;
+    }
+    for (; base < windows; base += block) {
+        // The final block ends at the last window; bits of windows seen
+        // already are dropped.
+        size_t at = base + block <= windows ? base : windows - block;
+        std::uint64_t mask = block_mask(c.hay + at, last, first, final) >> (base - at) << (base - at);
+        outcome o = resolve(c, at, mask);
+        if (o.kind != verdict::none) return o;
+    }
+    return {verdict::none, c.n};
+}
+
+#endif
+
+template <class Fold>
+outcome scan(candidates<Fold> &c)
+{
+#if defined(__SSE2__)
+    if (c.n - c.m + 1 >= block) return scan_sse2(c);
+#endif
+    return scan_scalar(c);
+}
+
+// Two-Way's set-up alone would cost more than a whole search in a header
+// block, and the candidate scan is faster still on ordinary data; Two-Way
+// is kept for the inputs that defeat the scan.
+template <class Fold>
+tn_uint32 find(const tn_uchar *haystack, tn_uint32 n, const tn_uchar *needle, tn_uint32 m, Fold fold)
 {
     if (m > n) return n;
-    // The later of the two greatest-suffix starts is a critical position:
-    // the local period there equals the needle's period. split < m always,
-    // and period <= m - split, being the period of needle[split, m).
-    size_t period_fwd, period_rev;
-    size_t split_fwd = greatest_suffix(needle, m, false, &period_fwd);
-    size_t split_rev = greatest_suffix(needle, m, true, &period_rev);
-    size_t split = split_fwd > split_rev ? split_fwd : split_rev;
-    size_t period = split_fwd > split_rev ? period_fwd : period_rev;
-
-    // The needle has period `period` as a whole iff the left part repeats
-    // one period further on. Otherwise no two occurrences can lie closer than
-    // max(left, right) + 1, which then is the shift after a left mismatch,
-    // and nothing needs remembering.
-    bool periodic = std::memcmp(needle, needle + period, split) == 0;
-    if (!periodic) period = (split > m - split ? split : m - split) + 1;
-
-    const size_t last = n - m; // the last window start
-    size_t j = 0;
-    size_t memory = 0; // bytes at the window's start known to match already
-    while (j <= last) {
-        if (memory == 0 && hay[j + split] != needle[split]) {
-            // Nothing is carried over, so jump straight to the next window
-            // whose first right-part byte fits: every window skipped fails on
-            // that byte, and memchr skips far faster than this loop steps.
-            const void *hit = std::memchr(hay + j + split, needle[split], last - j + 1);
-            if (!hit) break;
-            j = static_cast<size_t>(static_cast<const tn_uchar *>(hit) - hay) - split;
-        }
-        size_t i = split > memory ? split : memory;
-        while (i < m && needle[i] == hay[j + i]) ++i;
-        if (i < m) {
-            // Right-part mismatch: no window starting before it can match.
-            j += i - split + 1;
-            memory = 0;
-            continue;
-        }
-        i = split;
-        while (i > memory && needle[i - 1] == hay[j + i - 1]) --i;
-        if (i <= memory) return j;
-        j += period;
-        // After a shift by the period, the next window's first m - period
-        // bytes are the ones just matched.
-        if (periodic) memory = m - period;
-    }
-    return n;
+    candidates<Fold> c{haystack, n, needle, m, n / 4u, fold};
+    outcome o = m == 1 ? outcome{verdict::none, next_start(c, 0, n)} : scan(c);
+    if (o.kind != verdict::dense) return static_cast<tn_uint32>(o.at);
+    return static_cast<tn_uint32>(o.at + two_way(haystack + o.at, n - o.at, needle, m, fold));
 }
 
 } // namespace
 
 tn_uint32 byte_find(const tn_uchar *haystack, tn_uint32 n, const tn_uchar *needle, tn_uint32 m)
 {
-    if (m > n) return n;
-    // Ordinary data is searched fastest by memchr to the next first byte and
-    // a short compare; Two-Way's set-up alone would cost more than a whole
-    // search in a header block. That plain scan turns quadratic on repetitive
-    // input, though, so once its compares beyond the second byte of each
-    // window add up to a quarter of the haystack, Two-Way takes over from
-    // where it stopped. A needle of one or two bytes never gets there.
-    const tn_uchar *end = haystack + (n - m) + 1; // one past the last window
-    size_t budget = n / 4;
-    for (const tn_uchar *p = haystack; p < end; ++p) {
-        p = static_cast<const tn_uchar *>(std::memchr(p, needle[0], static_cast<size_t>(end - p)));
-        if (!p) break;
-        size_t i = 1;
-        while (i < m && p[i] == needle[i]) ++i;
-        if (i == m) return static_cast<tn_uint32>(p - haystack);
-        if (i - 1 > budget) {
-            size_t from = static_cast<size_t>(p - haystack) + 1;
-            return static_cast<tn_uint32>(from + two_way(p + 1, n - from, needle, m));
-        }
-        budget -= i - 1;
-    }
-    return n;
+    return find(haystack, n, needle, m, same_char{});
+}
+
+tn_uint32 byte_case_find(const tn_uchar *haystack, tn_uint32 n, const tn_uchar *needle, tn_uint32 m)
+{
+    return find(haystack, n, needle, m, ascii_lower{});
 }
 
 } // namespace tn

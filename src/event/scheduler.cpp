@@ -1,7 +1,11 @@
+#include <tarnel_util/tn_alloc.h>
 #include <tarnel_util/tn_scheduler.h>
 #include <tarnel_util/tn_time.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 
 #include "core/array_internal.h"
 #include "event/lock.h"
@@ -11,7 +15,7 @@ namespace {
 constexpr tn_uint32 initial_room = 8;
 constexpr tn_uint32 no_position = 0xFFFFFFFFu;
 
-tn_scheduled_task *task_at(tn_array *a, tn_uint32 i)
+tn_scheduled_task *task_at(const tn_array *a, tn_uint32 i)
 {
     return static_cast<tn_scheduled_task *>(tn_array_get(a)) + i;
 }
@@ -23,9 +27,147 @@ tn_scheduled_task *find(tn_array *a, tn_uint32 id)
     return at < tn_array_length(a) ? task_at(a, at) : nullptr;
 }
 
-// Called under the lock. The table's record is overwritten whole and its
-// user free is not called for it: the request carries the same user.
-void apply_pending(tn_scheduler *s)
+// Ids sorted for binary search, each with its position in the array it was
+// taken from: (id << 32) | position. Passes over many tasks look ids up
+// through it instead of searching the table or the pending list once per
+// request, which made a pass quadratic in the tasks due. Room for the sizes
+// a host usually has is on the stack, so such passes do not allocate.
+class id_index {
+public:
+    id_index() = default;
+    id_index(const id_index &) = delete;
+    id_index &operator=(const id_index &) = delete;
+    ~id_index()
+    {
+        if (keys_ != local_) tn_alloc_free(keys_);
+    }
+
+    // Sorts the ids of a's records, with `extra` words of zeroed room
+    // behind them for the caller. False if memory fails.
+    bool build(const tn_array *a, tn_uint32 extra = 0)
+    {
+        count_ = tn_array_length(a);
+        std::size_t words = std::size_t{count_} + extra;
+        if (words > std::size(local_)) {
+            if (words > 0xFFFFFFFFu / sizeof(tn_uint64)) return false;
+            void *block = tn_alloc(static_cast<tn_uint32>(words * sizeof(tn_uint64)));
+            if (!block) return false;
+            keys_ = static_cast<tn_uint64 *>(block);
+        }
+        const tn_scheduled_task *records = task_at(a, 0);
+        for (tn_uint32 i = 0; i < count_; ++i) keys_[i] = tn_uint64{records[i].id} << 32 | i;
+        std::sort(keys_, keys_ + count_);
+        std::fill(keys_ + count_, keys_ + words, tn_uint64{0});
+        return true;
+    }
+
+    // Position of the first record with id, or no_position.
+    tn_uint32 find(tn_uint32 id) const
+    {
+        const tn_uint64 *at = std::lower_bound(keys_, keys_ + count_, tn_uint64{id} << 32);
+        return at < keys_ + count_ && *at >> 32 == id ? static_cast<tn_uint32>(*at) : no_position;
+    }
+
+    bool has_repeats() const
+    {
+        for (tn_uint32 i = 1; i < count_; ++i)
+            if (keys_[i] >> 32 == keys_[i - 1] >> 32) return true;
+        return false;
+    }
+
+    // The zeroed room behind the keys.
+    tn_uint64 *extra() { return keys_ + count_; }
+
+private:
+    tn_uint64 local_[256];
+    tn_uint64 *keys_ = local_;
+    tn_uint32 count_ = 0;
+};
+
+// Below this much work (requests times records) a plain search per request
+// is cheaper than sorting.
+constexpr std::size_t index_threshold = 4096;
+
+// During a pass, which tasks of the table have a request waiting in the
+// pending list. The pass adds one request per fired task, so asking the list
+// each time would make the pass quadratic. Ids stay in the list until the
+// next pass, and only an append brings in a new one (a replacement moves an
+// id to the end, into the room its removal left, and a change leaves it in
+// place), so the list needs looking at again only after it grew by more than
+// the pass's own appends.
+class requests_seen {
+public:
+    // Under the lock: the waiting request for the table's task at
+    // position, or null.
+    tn_scheduled_task *find(tn_scheduler *s, tn_uint32 position)
+    {
+        tn_uint32 length = tn_array_length(&s->pending);
+        if (length != known_ && !mark_all(s)) return ::find(&s->pending, task_at(&s->tasks, position)->id);
+        known_ = length;
+        bool waiting = marks_ && (marks_[position / 64] >> position % 64 & 1);
+        return waiting ? ::find(&s->pending, task_at(&s->tasks, position)->id) : nullptr;
+    }
+
+    // Under the lock, after the pass appended one request of its own.
+    void appended() { ++known_; }
+
+private:
+    // Marks the table's tasks that have a request; false when the table is
+    // small enough to search, or memory fails.
+    bool mark_all(tn_scheduler *s)
+    {
+        tn_uint32 records = tn_array_length(&s->tasks), length = tn_array_length(&s->pending);
+        if (!marks_) {
+            if (std::size_t{records} * length < index_threshold || !table_.build(&s->tasks, records / 64 + 1))
+                return false;
+            marks_ = table_.extra();
+        }
+        for (tn_uint32 i = 0; i < length; ++i) {
+            tn_uint32 at = table_.find(task_at(&s->pending, i)->id);
+            if (at != no_position) marks_[at / 64] |= tn_uint64{1} << at % 64;
+        }
+        return true;
+    }
+
+    id_index table_;
+    tn_uint64 *marks_ = nullptr;
+    tn_uint32 known_ = 0;
+};
+
+// What the time value left by a task's callback asks for: re-armed (later
+// than now, or 0), else removed at the next pass. The same as calling
+// tn_scheduler_modify_scheduled_task or tn_scheduler_remove_scheduled_task
+// with the task's id, with the searches answered by the table position and
+// `seen`.
+tn_bool follow_up(tn_scheduler *s, requests_seen &seen, tn_uint32 position, tn_time now, tn_time time)
+{
+    const bool rearm = time > now || time == 0;
+    const tn_scheduled_task *task = task_at(&s->tasks, position);
+    if (!task->id) return rearm ? 0 : 1;
+    tn::lock_guard lock(&s->lock);
+    if (!lock.held()) return 0;
+    if (tn_scheduled_task *request = seen.find(s, position)) {
+        if (!rearm)
+            request->removed = 1;
+        else if (request->removed)
+            return 0;
+        else
+            request->time = time;
+        return 1;
+    }
+    tn_scheduled_task request = *task;
+    if (rearm)
+        request.time = time;
+    else
+        request.removed = 1;
+    if (!tn::append_or_keep(&s->pending, &request, 1)) return 0;
+    seen.appended();
+    return 1;
+}
+
+// Each request in arrival order: over the table's record with its id (none
+// if that record is flagged), else in at position 0.
+void apply_one_by_one(tn_scheduler *s)
 {
     tn_uint32 n = tn_array_length(&s->pending);
     for (tn_uint32 i = 0; i < n; ++i) {
@@ -36,9 +178,57 @@ void apply_pending(tn_scheduler *s)
             tn_array_insertn(&s->tasks, request, 1, 0);
         }
     }
+}
+
+// The same result in n log n: the table's records take their requests
+// through an index of pending, and the requests left over go in at the
+// front together, newest first, as one at a time at position 0 would have
+// put them. Requests that share an id (ids wrapped onto a waiting one) need
+// the order of the plain walk; false then, and when memory fails.
+bool apply_by_index(tn_scheduler *s)
+{
+    id_index pending;
+    if (!pending.build(&s->pending) || pending.has_repeats()) return false;
+    tn_scheduled_task *requests = task_at(&s->pending, 0);
+    tn_uint32 table_length = tn_array_length(&s->tasks);
+    for (tn_uint32 i = 0; i < table_length; ++i) {
+        tn_scheduled_task *task = task_at(&s->tasks, i);
+        tn_uint32 at = pending.find(task->id);
+        if (at == no_position) continue;
+        if (!task->removed) *task = requests[at];
+        requests[at].id = 0; // applied; pending ids are never 0
+    }
+    tn_uint32 fresh = 0, n = tn_array_length(&s->pending);
+    for (tn_uint32 i = 0; i < n; ++i)
+        if (requests[i].id) requests[fresh++] = requests[i];
+    if (fresh && tn_array_insertn(&s->tasks, requests, fresh, 0)) {
+        tn_scheduled_task *front = task_at(&s->tasks, 0);
+        std::reverse(front, front + fresh);
+    }
+    return true;
+}
+
+// Lets go of the flagged records, from the end as a removal at a time
+// would, then closes the gaps in one sweep.
+void drop_removed(tn_array *tasks)
+{
+    tn_uint32 n = tn_array_length(tasks), kept = 0;
+    tn_scheduled_task *records = task_at(tasks, 0);
+    for (tn_uint32 i = n; i-- > 0;)
+        if (records[i].removed) tn_scheduled_task_free(&records[i]);
+    for (tn_uint32 i = 0; i < n; ++i)
+        if (!records[i].removed) records[kept++] = records[i];
+    if (kept < n) tn_array_truncate_length(tasks, kept);
+}
+
+// Called under the lock. The table's record is overwritten whole and its
+// user free is not called for it: the request carries the same user.
+void apply_pending(tn_scheduler *s)
+{
+    std::size_t requests = tn_array_length(&s->pending), records = tn_array_length(&s->tasks);
+    if (requests && (requests * (records + requests) < index_threshold || !apply_by_index(s))) apply_one_by_one(s);
     tn_array_truncate(&s->pending);
-    for (tn_uint32 i = tn_array_length(&s->tasks); i-- > 0;)
-        if (task_at(&s->tasks, i)->removed) tn_scheduled_task_array_remove_object(&s->tasks, i);
+    drop_removed(&s->tasks);
 }
 
 void let_go(tn_scheduler *s)
@@ -204,6 +394,7 @@ tn_bool tn_scheduler_process(tn_scheduler *s)
     tn_uint32 n = tn_array_length(&s->tasks);
     if (!n) return 1;
     tn_scheduled_task *tasks = task_at(&s->tasks, 0);
+    requests_seen seen;
     for (tn_uint32 i = n; i-- > 0;) {
         const tn_scheduled_task *task = &tasks[i];
         tn_time now;
@@ -211,9 +402,7 @@ tn_bool tn_scheduler_process(tn_scheduler *s)
         if (task->time != 0 && now < task->time) continue;
         tn_time time = task->time;
         task->callback(now, &time, task->user);
-        tn_bool ok = (time > now || time == 0) ? tn_scheduler_modify_scheduled_task(s, task->id, time)
-                                               : tn_scheduler_remove_scheduled_task(s, task->id);
-        if (!ok) return 0;
+        if (!follow_up(s, seen, i, now, time)) return 0;
     }
     return 1;
 }

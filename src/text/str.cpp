@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/byte_find.h"
 #include "text/text.h"
 
 namespace text = tn::text;
@@ -69,7 +70,11 @@ tn_uint32 tn_str_find(const U *s, const U *sub)
     return at ? offset(s, at) : tn_str_len(s);
 }
 
-tn_uint32 tn_str_case_find(const U *s, const U *sub) { return text::find(s, sub, text::lower<U>); }
+tn_uint32 tn_str_case_find(const U *s, const U *sub)
+{
+    tn_uint32 m = tn_str_len(sub);
+    return m ? tn::byte_case_find(s, tn_str_len(s), sub, m) : 0;
+}
 tn_int32 tn_str_diff(const U *a, const U *b) { return text::diff(a, b, text::same<U>); }
 tn_int32 tn_str_diffn(const U *a, tn_uint32 n, const U *b) { return text::diffn(a, n, b); }
 tn_int32 tn_str_case_diff(const U *a, const U *b) { return text::diff(a, b, text::lower<U>); }

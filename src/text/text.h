@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/checked.h"
+#include "core/two_way.h"
 
 namespace tn::text {
 
@@ -15,7 +16,7 @@ namespace tn::text {
 template <class C>
 constexpr C lower(C c)
 {
-    return (c >= 'A' && c <= 'Z') ? static_cast<C>(c + ('a' - 'A')) : c;
+    return ascii_lower{}(c);
 }
 
 template <class C>
@@ -96,17 +97,13 @@ tn_uint32 rchr(const C *s, C c)
     return seen ? last : i;
 }
 
-// Each start in turn; the terminator of s differs from any character left
-// in sub, so no start reads past the end of s.
+// Two-Way over the folded characters: linear in the lengths of both, where a
+// walk start by start costs their product on inputs like "aaa...ab". Same
+// results: an empty sub gives 0, a miss gives the length of s.
 template <class C, class Fold>
-tn_uint32 find(const C *s, const C *sub, Fold fold)
+tn_uint32 find(const C *s, tn_uint32 n, const C *sub, tn_uint32 m, Fold fold)
 {
-    tn_uint32 start = 0;
-    for (;; ++start) {
-        tn_uint32 k = 0;
-        while (sub[k] && fold(s[start + k]) == fold(sub[k])) ++k;
-        if (!sub[k] || !s[start]) return start;
-    }
+    return m ? static_cast<tn_uint32>(two_way(s, n, sub, m, fold)) : 0;
 }
 
 template <class C, class Fold>

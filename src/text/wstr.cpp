@@ -25,8 +25,14 @@ tn_bool tn_wstr_clone(const W *source, W **result)
 tn_uint32 tn_wstr_chr(const W *s, W c) { return text::chr(s, c); }
 tn_uint32 tn_wstr_chrn(const W *s, tn_uint32 n, W c) { return text::chrn(s, n, c); }
 tn_uint32 tn_wstr_rchr(const W *s, W c) { return c ? text::rchr(s, c) : text::len(s); }
-tn_uint32 tn_wstr_find(const W *s, const W *sub) { return text::find(s, sub, text::same<W>); }
-tn_uint32 tn_wstr_case_find(const W *s, const W *sub) { return text::find(s, sub, text::lower<W>); }
+tn_uint32 tn_wstr_find(const W *s, const W *sub)
+{
+    return text::find(s, text::len(s), sub, text::len(sub), tn::same_char{});
+}
+tn_uint32 tn_wstr_case_find(const W *s, const W *sub)
+{
+    return text::find(s, text::len(s), sub, text::len(sub), text::lower<W>);
+}
 tn_int32 tn_wstr_diff(const W *a, const W *b) { return text::diff(a, b, text::same<W>); }
 tn_int32 tn_wstr_diffn(const W *a, tn_uint32 n, const W *b) { return text::diffn(a, n, b); }
 tn_int32 tn_wstr_case_diff(const W *a, const W *b) { return text::diff(a, b, text::lower<W>); }

@@ -1,5 +1,6 @@
 #include <tarnel_util/tn_byte.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -9,7 +10,8 @@
 static void check_find(const std::string &hay, const std::string &needle)
 {
     const std::vector<tn_uchar> h(hay.begin(), hay.end()), n(needle.begin(), needle.end());
-    const size_t found = hay.find(needle), at = needle.empty() ? 0 : found == hay.npos ? hay.size() : found;
+    size_t at = 0; // the naive search: each start in turn
+    while (!needle.empty() && at < hay.size() && hay.compare(at, needle.size(), needle) != 0) ++at;
     ASSERT_EQ(tn_byte_find(h.data(), tn_uint32(h.size()), n.data(), tn_uint32(n.size())), at)
         << hay.substr(0, 40) << " (" << hay.size() << ") / " << needle.substr(0, 40) << " (" << needle.size() << ")";
 }
@@ -39,6 +41,26 @@ TEST(ByteFind, AgreesWithNaiveSearch)
         }
         ASSERT_NO_FATAL_FAILURE(check_find(s[0], s[1]));
     }
+}
+
+// Every needle length around the widths a vectorised scan works in, haystacks of every window count up to
+// five blocks, and needles planted at or just before the very end, where a scan's last block overlaps.
+TEST(ByteFind, AgreesWithNaiveSearchAtEveryLengthNearVectorWidths)
+{
+    std::mt19937 rng(7);
+    std::vector<size_t> lengths = {64, 65};
+    for (size_t m = 1; m <= 33; ++m) lengths.push_back(m);
+    for (size_t m : lengths)
+        for (size_t alphabet = 1; alphabet <= 4; alphabet *= 2)
+            for (size_t windows = 1; windows <= 80; ++windows) {
+                std::string hay(m - 1 + windows, 'a');
+                for (char &ch : hay) ch = char('a' + rng() % alphabet);
+                const size_t back = rng() % 3; // the needle ends this far before the end
+                std::string planted = hay.substr(hay.size() - std::min(hay.size(), m + back), m), other = planted;
+                other[rng() % m] = 'z';
+                ASSERT_NO_FATAL_FAILURE(check_find(hay, planted));
+                ASSERT_NO_FATAL_FAILURE(check_find(hay, other));
+            }
 }
 
 TEST(Byte, CopyAndZeroMatchTheirModelCompareIsUnsigned)

@@ -135,4 +135,48 @@ TYPED_TEST(Strings, AgreeWithReferenceModel)
     }
 }
 
+// The walk start by start, as the searches were first written: the reference for the linear ones.
+template <class C> tn_uint32 m_walk(const C *s, const C *sub, Fold f)
+{
+    for (tn_uint32 start = 0;; ++start) {
+        tn_uint32 k = 0;
+        while (sub[k] && f(s[start + k]) == f(sub[k])) ++k;
+        if (!sub[k] || !s[start]) return start;
+    }
+}
+
+// Longer text over two letters in both cases and their neighbours, periodic needles, planted copies with the
+// case changed, and runs of 'A' against "aaa...ab": the inputs that defeat a careless shift.
+TYPED_TEST(Strings, FindsAgreeWithStartByStartWalk)
+{
+    using C = TypeParam;
+    Gen<C> g;
+    const C letters[] = {'a', 'A', 'b', 'B', '@', '`'};
+    auto text = [&](size_t size, size_t kinds, size_t period) {
+        Text<C> t(size);
+        for (size_t i = 0; i < size; ++i) t[i] = i >= period ? g.flip(t[i - period]) : letters[g.below(kinds)];
+        return t.push_back(0), t;
+    };
+    for (int round = 0; round < 6000 && !this->HasFailure(); ++round) {
+        const size_t kinds = 2 + g.below(5), period = 1 + g.below(4);
+        const Text<C> s = text(g.below(90), kinds, g.below(2) ? period : ~size_t{0});
+        Text<C> t = text(g.below(round % 2 ? 12 : 40), kinds, g.below(3) ? period : ~size_t{0});
+        if (g.below(2) && s.size() > 1) { // a copy of a piece of s, the case of some letters changed
+            const size_t from = g.below(s.size() - 1), to = from + g.below(s.size() - from);
+            t.assign(s.begin() + from, s.begin() + to), t.push_back(0);
+            for (C &c : t) c = g.flip(c);
+        }
+        SCOPED_TRACE("s " + testing::PrintToString(s) + " t " + testing::PrintToString(t));
+        EXPECT_EQ(Lib<C>::case_find(s.data(), t.data()), m_walk(s.data(), t.data(), fold));
+        EXPECT_EQ(Lib<C>::find(s.data(), t.data()), m_walk(s.data(), t.data(), keep));
+    }
+    for (size_t run : {63, 64, 1000, 5000}) {
+        Text<C> s(run, 'A'), t(63, 'a');
+        s.push_back(0), t.push_back('b'), t.push_back(0);
+        EXPECT_EQ(Lib<C>::case_find(s.data(), t.data()), run) << run;
+        s.insert(s.end() - 1, {'B', 'x'});
+        EXPECT_EQ(Lib<C>::case_find(s.data(), t.data()), run - 63) << run;
+    }
+}
+
 } // namespace
