@@ -90,6 +90,9 @@ tn_bool tn_uchar_array_insert0(tn_uchar_array *a, tn_uint32 position) { return i
 
 tn_bool tn_uchar_array_copy(tn_uchar_array *a, const tn_uchar_array *source)
 {
+    // Onto itself: emptying first would lose the source, and a sound array
+    // already holds the copy.
+    if (a == source && !a->failed) return 1;
     return emptied(a, [&] { return tn_array_cat(a, source); });
 }
 

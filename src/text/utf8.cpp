@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "core/within.h"
+
 namespace {
 
 // Sequence length by lead byte, legal or not.
@@ -138,10 +140,15 @@ tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wcha
 
 // The appends decode straight into the array while its capacity lasts and
 // let the array's own append take the character that needs more room, so
-// the array grows exactly as with one append per character.
+// the array grows exactly as with one append per character. The source is
+// found afresh after each such append, which may have moved it with the
+// array's storage.
 tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_array *array)
 {
+    const tn::anchor from = tn::anchor_in(array, source);
+    const tn_uint32 total = length;
     while (length) {
+        source = from.at() + (total - length);
         if (array->element_size == sizeof(tn_wchar) && !array->failed) {
             auto *end = reinterpret_cast<tn_wchar *>(array->data + array->length);
             Run r = decode_run(source, length, end, (array->capacity - array->length) / sizeof(tn_wchar));
@@ -154,7 +161,6 @@ tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_ar
         step r = decode(source, length, &c, &used);
         if (r != step::done) return r == step::incomplete;
         if (!tn_wchar_array_cato(array, c)) return 0;
-        source += used;
         length -= used;
     }
     return 1;
@@ -177,14 +183,19 @@ tn_bool tn_utf8_from_wcs(const tn_wchar *source, tn_uint32 *source_length, tn_uc
 
 tn_bool tn_utf8_cat_from_wcs(const tn_wchar *source, tn_uint32 length, tn_uchar_array *array)
 {
-    while (length && *source) {
+    const tn::anchor from = tn::anchor_in(array, source);
+    const tn_uint32 total = length;
+    while (length) {
+        // Found afresh: the append below may have moved an array that holds the source.
+        source = reinterpret_cast<const tn_wchar *>(from.at()) + (total - length);
+        if (!*source) break;
         if (array->element_size == 1 && !array->failed) {
             array->length += encode_run(source, length, array->data + array->length, array->capacity - array->length);
             if (!length || !*source) break;
         }
         tn_uchar encoded[3];
         if (!tn_array_catn(array, encoded, encode(*source, encoded))) return 0;
-        ++source, --length;
+        --length;
     }
     return 1;
 }
