@@ -194,9 +194,11 @@ tn_bool tn_str_array_insertn(tn_str_array *d, const tn_str_array *s, tn_uint32 n
         fail_both(d);
         return 0;
     }
-    d->entries.length += n * d->entries.element_size;
+    // The reserved entries count only once their strings are in the pool: a
+    // failed insert leaves no entry that points nowhere.
     tn_array_insertn(&d->pool, s->pool.data, span(&s->pool, n), offset_of(d, position));
     if (!settle(d)) return 0;
+    d->entries.length += n * d->entries.element_size;
     relink(d);
     return 1;
 }
