@@ -189,12 +189,25 @@ struct sorter {
     }
 };
 
+// A source is read in its own element size: one of another size cannot be
+// taken over, and the destination fails as it does for a failed source.
+bool unusable_source(tn_array *array, const tn_array *source)
+{
+    if (!source->failed && source->element_size == array->element_size) return false;
+    array->failed = 1;
+    return true;
+}
+
 } // namespace
 
+// Every count is the used length divided by the element size. An array
+// without one can hold nothing: it is failed from the start, and stays so
+// through tn_array_free, so no count is ever taken of it.
 void tn_array_init(tn_array *array, tn_uint32 element_size)
 {
     std::memset(array, 0, sizeof *array);
     array->element_size = element_size;
+    array->failed = element_size == 0;
 }
 
 void *tn_array_allocate(tn_array *array, tn_uint32 count)
@@ -265,7 +278,7 @@ void tn_array_free(tn_array *array)
     array->data = nullptr;
     array->capacity = 0;
     array->length = 0;
-    array->failed = 0;
+    array->failed = array->element_size == 0;
 }
 
 void tn_array_fail(tn_array *array) { array->failed = 1; }
@@ -281,10 +294,7 @@ tn_bool tn_array_equal(const tn_array *a, const tn_array *b)
 
 tn_bool tn_array_cat(tn_array *array, const tn_array *source)
 {
-    if (source->failed) {
-        array->failed = 1;
-        return 0;
-    }
+    if (unusable_source(array, source)) return 0;
     if (!source->length) return 1;
     if (array->failed) return 0;
     return tn_array_catn(array, source->data, source->length / source->element_size);
@@ -301,10 +311,7 @@ tn_bool tn_array_catn(tn_array *array, const void *elements, tn_uint32 count)
 
 tn_bool tn_array_insert(tn_array *array, const tn_array *source, tn_uint32 position)
 {
-    if (source->failed) {
-        array->failed = 1;
-        return 0;
-    }
+    if (unusable_source(array, source)) return 0;
     return tn_array_insertn(array, source->data, tn_array_length(source), position);
 }
 

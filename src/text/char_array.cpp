@@ -49,7 +49,8 @@ tn_bool remove0(tn_array *a)
 template <class C>
 tn_bool insert0(tn_array *a, tn_uint32 position)
 {
-    if (position > a->length / a->element_size) return 0;
+    // A failed array refuses the insert anyway, and may have no element size.
+    if (a->failed || position > a->length / a->element_size) return 0;
     const C zero = 0;
     return tn_array_insertn(a, &zero, 1, position);
 }
