@@ -125,6 +125,24 @@ tn_uint32 encode_run(const tn_wchar *&s, tn_uint32 &left, tn_uchar *out, tn_uint
     return n;
 }
 
+// Bytes of the UTF-8 form up to the end, a 0 unit, or the character that
+// would take the count past 32 bits: that one stays in left, as a character
+// that does not fit a destination does. At three bytes a unit the limit
+// comes after some 1.4 G units, well within a 32-bit source length.
+tn_uint32 measure(const tn_wchar *s, tn_uint32 *left)
+{
+    const tn_uint32 n = *left;
+    tn_uint64 bytes = 0;
+    tn_uint32 i = 0;
+    for (; i < n && s[i]; ++i) {
+        const tn_uint32 size = s[i] < 0x80 ? 1 : s[i] < 0x800 ? 2 : 3;
+        if (bytes + size > 0xFFFFFFFFu) break;
+        bytes += size;
+    }
+    *left = n - i;
+    return static_cast<tn_uint32>(bytes);
+}
+
 } // namespace
 
 tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wchar *destination,
@@ -174,10 +192,7 @@ tn_bool tn_utf8_from_wcs(const tn_wchar *source, tn_uint32 *source_length, tn_uc
         *byte_count = capacity ? encode_run(source, *source_length, destination, capacity - 1) : 0;
         return 1;
     }
-    tn_uint32 bytes = 0;
-    for (; *source_length && *source; ++source, --*source_length)
-        bytes += *source < 0x80 ? 1 : *source < 0x800 ? 2 : 3;
-    *byte_count = bytes;
+    *byte_count = measure(source, source_length);
     return 1;
 }
 
