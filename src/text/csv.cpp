@@ -39,11 +39,12 @@ bool reads_from(const tn_uchar_array *text, tn_uint32 count, Next next)
 }
 
 // Emptying the text first would overwrite values that lie in it: such a text
-// is built aside and then takes the new storage.
+// is built aside and then takes the new storage. A failed text refuses
+// anyway, and must stay failed.
 template <class Next>
 tn_bool make(tn_uint32 count, Next next, tn_uchar_array *text)
 {
-    if (!reads_from(text, count, next)) return make_into(count, next, text);
+    if (text->failed || !reads_from(text, count, next)) return make_into(count, next, text);
     tn_uchar_array aside;
     tn_array_init(&aside, 1);
     if (!make_into(count, next, &aside)) {

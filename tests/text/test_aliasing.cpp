@@ -116,6 +116,7 @@ TEST_F(Aliasing, InputInTheDestinationsOwnStorage)
         {"tn_utf8_cat_from_wcs(a~b~, its own 2 units)", [&] { chars_full({"a\0b\0", 4}); tn_utf8_cat_from_wcs(reinterpret_cast<tn_wchar *>(chars()), 2, &c); return text(c); }, "a~b~ab"},
         {"tn_csv_cat(x~, its own x)", [&] { chars_full({"x", 2}); tn_csv_cat(&c, chars()); return text(c); }, "x~x,"},
         {"tn_csv_make2(a~b~, its own b and a)", [&] { chars_full({"a\0b", 4}); const tn_uchar *v[] = {chars() + 2, chars()}; tn_csv_make2(v, 2, &c); return text(c); }, "b,a"},
+        {"tn_csv_make2(failed a~b~, its own b)", [&] { chars_full({"a\0b", 4}); tn_array_fail(&c); const tn_uchar *v[] = {chars() + 2}; tn_csv_make2(v, 1, &c); return text(c); }, "failed"},
         {"tn_str_array_cato(ab|cd, its own ab)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_cato(&s, at(0)); return strings(s); }, "ab|cd|ab"},
         {"tn_str_array_caton(ab|cd, its own d)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_caton(&s, at(1) + 1, 1); return strings(s); }, "ab|cd|d"},
         {"tn_str_array_inserto(ab|cd, its own cd, at 0)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_inserto(&s, at(1), 0); return strings(s); }, "cd|ab|cd"},
