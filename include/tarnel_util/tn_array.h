@@ -59,8 +59,9 @@ typedef tn_array tn_timel_array;
 
 /* ---- The generic array --------------------------------------------------- */
 
-/* Clears the whole record and sets the element size, which must not be 0.
- * Allocates nothing. */
+/* Clears the whole record and sets the element size. Allocates nothing. An
+ * element size of 0 gives an array that is failed and stays failed, also
+ * through tn_array_free: it refuses every change and reads as empty. */
 TN_API void tn_array_init(tn_array *array, tn_uint32 element_size);
 
 /* Ensures capacity for count elements in all (not count more) and returns
@@ -126,22 +127,23 @@ TN_API tn_bool tn_array_unallocated(const tn_array *array);
  * Neither element sizes nor failed flags are looked at. */
 TN_API tn_bool tn_array_equal(const tn_array *a, const tn_array *b);
 
-/* Appends all elements of source, a different record. A failed source sets
- * the array's flag and gives 0; an empty source gives 1 even on a failed
- * array; otherwise as tn_array_catn. */
+/* Appends all elements of source, which may be the array itself. A failed
+ * source, or one of another element size, sets the array's flag and gives 0;
+ * an empty source gives 1 even on a failed array; otherwise as tn_array_catn. */
 TN_API tn_bool tn_array_cat(tn_array *array, const tn_array *source);
 
-/* Appends count elements from memory outside the array's storage. Count 0
+/* Appends count elements, which may lie in the array's own storage. Count 0
  * gives 1 even on a failed array; a failed array gives 0; a size overflow of
  * count gives 0 without setting the flag; storage that cannot grow, or a used
  * length beyond 32 bits, sets the flag and gives 0. */
 TN_API tn_bool tn_array_catn(tn_array *array, const void *elements, tn_uint32 count);
 
-/* Inserts all elements of source before position. A failed source sets the
- * array's flag and gives 0; otherwise as tn_array_insertn. */
+/* Inserts all elements of source before position. A failed source, or one
+ * of another element size, sets the array's flag and gives 0; otherwise as
+ * tn_array_insertn. */
 TN_API tn_bool tn_array_insert(tn_array *array, const tn_array *source, tn_uint32 position);
 
-/* Inserts count elements from memory outside the array's storage before
+/* Inserts count elements, which may lie in the array's own used bytes, before
  * position; a position equal to the length appends. Count 0 gives 1 even on a
  * failed array; a failed array gives 0; a position above the length or a size
  * overflow gives 0 without setting the flag; storage that cannot grow sets the

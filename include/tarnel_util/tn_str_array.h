@@ -57,8 +57,9 @@ TN_API tn_bool tn_str_array_failed(const tn_str_array *array);
 TN_API tn_bool tn_str_array_truncate(tn_str_array *array);
 TN_API tn_bool tn_str_array_truncate_length(tn_str_array *array, tn_uint32 n);
 
-/* Append copies of all (cat) or the first n (catn) strings of source, a
- * different record; copy and copyn empty destination first. */
+/* Append copies of all (cat) or the first n (catn) strings of source; copy
+ * and copyn empty destination first. Source may be destination itself, and
+ * every string argument of this family may point into the array's own pool. */
 TN_API tn_bool tn_str_array_cat(tn_str_array *destination, const tn_str_array *source);
 TN_API tn_bool tn_str_array_catn(tn_str_array *destination, const tn_str_array *source, tn_uint32 n);
 TN_API tn_bool tn_str_array_copy(tn_str_array *destination, const tn_str_array *source);

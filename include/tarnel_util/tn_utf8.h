@@ -44,7 +44,8 @@ TN_API tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_w
  * measures). Stops at a zero character, at the end, or before a character
  * whose bytes would bring the total to capacity or beyond, so at most
  * capacity - 1 bytes are written; stores the bytes in *byte_count and leaves
- * in *source_length the characters not taken. Always returns 1. */
+ * in *source_length the characters not taken. A measure stops likewise before
+ * a character that would take the count past 0xFFFFFFFF. Always returns 1. */
 TN_API tn_bool tn_utf8_from_wcs(const tn_wchar *source, tn_uint32 *source_length, tn_uchar *destination,
                                 tn_uint32 capacity, tn_uint32 *byte_count);
 

@@ -2,6 +2,7 @@
 #include <tarnel_util/tn_array.h>
 #include <tarnel_util/tn_byte.h>
 
+#include <cstdint>
 #include <cstring>
 
 #include "core/checked.h"
@@ -12,27 +13,37 @@ constexpr tn_uint32 no_position = 0xFFFFFFFFu;
 
 bool mult(tn_uint32 a, tn_uint32 b, tn_uint32 *out) { return tn::checked_mult(a, b, out); }
 
-// The one growth step behind every operation that needs room: room for
+// The one growth rule behind every operation that needs room: room for
 // unit * count bytes, at least one eighth more than now, optionally rounded to
-// whole blocks. Only the used bytes move to the new block.
-tn_uchar *grow(tn_array *a, tn_uint32 unit, tn_uint32 count, bool align)
+// whole blocks. False when the size cannot be had in 32 bits.
+bool grown_capacity(const tn_array *a, tn_uint32 unit, tn_uint32 count, bool align, tn_uint32 *out)
 {
-    if (a->failed) return nullptr;
     tn_uint32 need;
-    if (!mult(unit, count, &need)) return nullptr;
-    if (a->capacity >= need) return a->data;
+    if (!mult(unit, count, &need)) return false;
     tn_uint32 eighth_more = a->capacity + a->capacity / 8;
     if (eighth_more >= need) need = eighth_more;
     if (align) {
         // The checks against the block size catch a sum that wrapped.
         if (unit < 8) {
             need = (need + 127u) & ~tn_uint32{127};
-            if (need < 128u) return nullptr;
+            if (need < 128u) return false;
         } else {
             need = (need + 4095u) & ~tn_uint32{4095};
-            if (need < 4096u) return nullptr;
+            if (need < 4096u) return false;
         }
     }
+    *out = need;
+    return true;
+}
+
+// Room for unit * count bytes; only the used bytes move to a new block.
+tn_uchar *grow(tn_array *a, tn_uint32 unit, tn_uint32 count, bool align)
+{
+    if (a->failed) return nullptr;
+    tn_uint32 need;
+    if (!mult(unit, count, &need)) return nullptr;
+    if (a->capacity >= need) return a->data;
+    if (!grown_capacity(a, unit, count, align, &need)) return nullptr;
     void *p = tn_alloc_re(a->data, a->length, need);
     if (!p) return nullptr;
     a->data = static_cast<tn_uchar *>(p);
@@ -47,19 +58,59 @@ bool offset_within(const tn_array *a, tn_uint32 position, tn_uint32 *offset)
            *offset < a->length;
 }
 
-// The common end of every append and insert: grow by the rule, open a gap
-// of bytes at offset (no move at the end), copy the elements in. A length
-// beyond 32 bits or storage that cannot grow fails the array.
+tn_bool fail(tn_array *a)
+{
+    a->failed = 1;
+    return 0;
+}
+
+std::uintptr_t address(const void *p) { return reinterpret_cast<std::uintptr_t>(p); }
+
+// A growing append or insert builds the new block around the gap and copies
+// the elements in before the old block goes, so elements taken from the
+// array's own storage are still there to be read.
+tn_bool place_moving(tn_array *a, const void *elements, tn_uint32 bytes, tn_uint32 offset, tn_uint32 total)
+{
+    tn_uint32 capacity;
+    if (!grown_capacity(a, 1, total, true, &capacity)) return fail(a);
+    auto *fresh = static_cast<tn_uchar *>(tn_alloc(capacity));
+    if (!fresh) return fail(a);
+    if (offset) std::memcpy(fresh, a->data, offset);
+    std::memcpy(fresh + offset, elements, bytes);
+    if (a->length > offset) std::memcpy(fresh + offset + bytes, a->data + offset, a->length - offset);
+    tn_alloc_free(a->data);
+    a->data = fresh;
+    a->capacity = capacity;
+    a->length = total;
+    return 1;
+}
+
+// Opens the gap by moving the tail up; elements that lay in that tail are
+// now bytes further on, and those in front of the gap stayed where they were.
+void place_in_place(tn_array *a, const void *elements, tn_uint32 bytes, tn_uint32 offset)
+{
+    tn_uchar *at = a->data + offset;
+    const auto *from = static_cast<const tn_uchar *>(elements);
+    tn_uint32 tail = a->length - offset;
+    std::memmove(at + bytes, at, tail);
+    if (!tail || address(from) + bytes <= address(at) || address(from) >= address(at) + tail) {
+        std::memmove(at, from, bytes);
+        return;
+    }
+    tn_uint32 front = address(from) < address(at) ? static_cast<tn_uint32>(address(at) - address(from)) : 0;
+    std::memmove(at, from, front);
+    std::memmove(at + front, from + front + bytes, bytes - front);
+}
+
+// The common end of every append and insert: a gap of bytes at offset (no
+// move at the end), the elements copied in. A length beyond 32 bits or
+// storage that cannot grow fails the array.
 tn_bool place(tn_array *a, const void *elements, tn_uint32 bytes, tn_uint32 offset)
 {
     tn_uint32 total = a->length + bytes;
-    if (total < bytes || !grow(a, 1, total, true)) {
-        a->failed = 1;
-        return 0;
-    }
-    tn_uchar *at = a->data + offset;
-    if (offset < a->length) std::memmove(at + bytes, at, a->length - offset);
-    std::memcpy(at, elements, bytes);
+    if (total < bytes) return fail(a);
+    if (total > a->capacity) return place_moving(a, elements, bytes, offset, total);
+    place_in_place(a, elements, bytes, offset);
     a->length = total;
     return 1;
 }
@@ -138,12 +189,25 @@ struct sorter {
     }
 };
 
+// A source is read in its own element size: one of another size cannot be
+// taken over, and the destination fails as it does for a failed source.
+bool unusable_source(tn_array *array, const tn_array *source)
+{
+    if (!source->failed && source->element_size == array->element_size) return false;
+    array->failed = 1;
+    return true;
+}
+
 } // namespace
 
+// Every count is the used length divided by the element size. An array
+// without one can hold nothing: it is failed from the start, and stays so
+// through tn_array_free, so no count is ever taken of it.
 void tn_array_init(tn_array *array, tn_uint32 element_size)
 {
     std::memset(array, 0, sizeof *array);
     array->element_size = element_size;
+    array->failed = element_size == 0;
 }
 
 void *tn_array_allocate(tn_array *array, tn_uint32 count)
@@ -214,7 +278,7 @@ void tn_array_free(tn_array *array)
     array->data = nullptr;
     array->capacity = 0;
     array->length = 0;
-    array->failed = 0;
+    array->failed = array->element_size == 0;
 }
 
 void tn_array_fail(tn_array *array) { array->failed = 1; }
@@ -230,10 +294,7 @@ tn_bool tn_array_equal(const tn_array *a, const tn_array *b)
 
 tn_bool tn_array_cat(tn_array *array, const tn_array *source)
 {
-    if (source->failed) {
-        array->failed = 1;
-        return 0;
-    }
+    if (unusable_source(array, source)) return 0;
     if (!source->length) return 1;
     if (array->failed) return 0;
     return tn_array_catn(array, source->data, source->length / source->element_size);
@@ -250,10 +311,7 @@ tn_bool tn_array_catn(tn_array *array, const void *elements, tn_uint32 count)
 
 tn_bool tn_array_insert(tn_array *array, const tn_array *source, tn_uint32 position)
 {
-    if (source->failed) {
-        array->failed = 1;
-        return 0;
-    }
+    if (unusable_source(array, source)) return 0;
     return tn_array_insertn(array, source->data, tn_array_length(source), position);
 }
 

@@ -49,7 +49,8 @@ tn_bool remove0(tn_array *a)
 template <class C>
 tn_bool insert0(tn_array *a, tn_uint32 position)
 {
-    if (position > a->length / a->element_size) return 0;
+    // A failed array refuses the insert anyway, and may have no element size.
+    if (a->failed || position > a->length / a->element_size) return 0;
     const C zero = 0;
     return tn_array_insertn(a, &zero, 1, position);
 }
@@ -90,6 +91,9 @@ tn_bool tn_uchar_array_insert0(tn_uchar_array *a, tn_uint32 position) { return i
 
 tn_bool tn_uchar_array_copy(tn_uchar_array *a, const tn_uchar_array *source)
 {
+    // Onto itself: emptying first would lose the source, and a sound array
+    // already holds the copy.
+    if (a == source && !a->failed) return 1;
     return emptied(a, [&] { return tn_array_cat(a, source); });
 }
 

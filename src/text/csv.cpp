@@ -2,6 +2,8 @@
 #include <tarnel_util/tn_str.h>
 #include <tarnel_util/tn_uchar_array.h>
 
+#include "core/within.h"
+
 namespace {
 
 constexpr tn_uchar separator = ',';
@@ -19,7 +21,7 @@ bool close_value(tn_uchar_array *value, tn_str_array *values)
 }
 
 template <class Next>
-tn_bool make(tn_uint32 count, Next next, tn_uchar_array *text)
+tn_bool make_into(tn_uint32 count, Next next, tn_uchar_array *text)
 {
     tn_array_truncate(text);
     if (!count) return 1;
@@ -28,13 +30,43 @@ tn_bool make(tn_uint32 count, Next next, tn_uchar_array *text)
     return tn_csv_end(text);
 }
 
+template <class Next>
+bool reads_from(const tn_uchar_array *text, tn_uint32 count, Next next)
+{
+    for (tn_uint32 i = 0; i < count; ++i)
+        if (tn::within(text, next(i))) return true;
+    return false;
+}
+
+// Emptying the text first would overwrite values that lie in it: such a text
+// is built aside and then takes the new storage. A failed text refuses
+// anyway, and must stay failed.
+template <class Next>
+tn_bool make(tn_uint32 count, Next next, tn_uchar_array *text)
+{
+    if (text->failed || !reads_from(text, count, next)) return make_into(count, next, text);
+    tn_uchar_array aside;
+    tn_array_init(&aside, 1);
+    if (!make_into(count, next, &aside)) {
+        tn_array_free(&aside);
+        tn_array_truncate(text);
+        tn_array_fail(text);
+        return 0;
+    }
+    tn_array_free(text);
+    *text = aside;
+    return 1;
+}
+
 } // namespace
 
 tn_bool tn_csv_cat(tn_uchar_array *text, const tn_uchar *value)
 {
-    for (; *value; ++value) {
-        if (*value == separator || *value == escape) add(text, escape);
-        add(text, *value);
+    // Read through the anchor: each append may move a text that holds the value.
+    const tn::anchor from = tn::anchor_in(text, value);
+    for (tn_uint32 i = 0; tn_uchar c = from.at()[i]; ++i) {
+        if (c == separator || c == escape) add(text, escape);
+        add(text, c);
     }
     add(text, separator);
     return !tn_array_failed(text);

@@ -83,22 +83,21 @@ tn_uint64 hex8(tn_uint32 v)
     return __builtin_bswap64(x + 0x3030303030303030ull + letters * ('a' - '0' - 10));
 }
 
-// The last n (1 to 8) characters of an eight-character text, at p, in one
-// eight-byte store. The caller's buffer holds the type's longest text, so
-// the eight bytes are the caller's; those behind the n are written back as
-// they were.
+// The last n (1 to 8) characters of an eight-character text, at p. A whole
+// text goes in one eight-byte store; a shorter one byte by byte, since the
+// caller's buffer may end right behind it.
 void store_tail(tn_uchar *p, tn_uint64 text, tn_uint32 n)
 {
-    tn_uint64 old;
-    std::memcpy(&old, p, 8);
-    const tn_uint64 keep = n == 8 ? 0 : ~tn_uint64{0} << (8 * n);
-    const tn_uint64 out = (text >> (8 * (8 - n)) & ~keep) | (old & keep);
-    std::memcpy(p, &out, 8);
+    if (n == 8) {
+        std::memcpy(p, &text, 8);
+        return;
+    }
+    for (tn_uint32 i = 0; i < n; ++i) p[i] = static_cast<tn_uchar>(text >> (8 * (8 - n + i)));
 }
 
 // Narrow text whose fill and digits fit in the type's longest text comes
-// from the whole zero-filled text at once; the rest digit by digit. U is
-// the value's own type, since its longest text bounds the buffer.
+// from the whole zero-filled text, worked out eight digits at once; the rest
+// digit by digit. Only the text's own bytes are written.
 template <class C, class U>
 bool put_hex_whole(C *b, U v, tn_uint32 body)
 {

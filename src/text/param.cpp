@@ -1,5 +1,8 @@
+#include <tarnel_util/tn_alloc.h>
 #include <tarnel_util/tn_param.h>
 #include <tarnel_util/tn_str.h>
+
+#include "core/within.h"
 
 namespace {
 
@@ -42,9 +45,12 @@ void remove_pair(tn_str_array *l, tn_int32 i)
     tn_str_array_remove(l, static_cast<tn_uint32>(2 * i));
 }
 
+// The value may come from the list itself, whose pool the name's append
+// can move: it is found again by its offset.
 tn_bool append_pair(tn_str_array *l, const U *name, const U *value)
 {
-    return tn_str_array_cato(l, name) && tn_str_array_cato(l, value);
+    const tn::anchor from = tn::anchor_in(&l->pool, value);
+    return tn_str_array_cato(l, name) && tn_str_array_cato(l, from.at());
 }
 
 template <class Match>
@@ -58,9 +64,21 @@ tn_bool remove_all(tn_str_array *l, Match match)
     return 1;
 }
 
+// A key taken from the list would shift under the removals, so it is
+// compared as a copy.
+template <class By>
+tn_bool remove_all_by(tn_str_array *l, const U *key, By by)
+{
+    U *copy = nullptr;
+    if (tn::within(&l->pool, key) && !tn_str_clone(key, &copy)) return 0;
+    tn_bool done = remove_all(l, by(copy ? copy : key));
+    tn_alloc_free(copy);
+    return done;
+}
+
 // Each name (or value) once, in order of first appearance; with a key, every
 // pair whose other part matches it.
-tn_bool gather(const tn_str_array *l, int which, const U *key, tn_str_array *out)
+tn_bool gather_into(const tn_str_array *l, int which, const U *key, tn_str_array *out)
 {
     tn_str_array_truncate(out);
     tn_int32 n = pairs(l);
@@ -70,6 +88,20 @@ tn_bool gather(const tn_str_array *l, int which, const U *key, tn_str_array *out
         tn_str_array_cato(out, mine);
     }
     return !tn_str_array_failed(out);
+}
+
+// Emptying out first would lose the list, or a key read from out: such a
+// list is gathered aside and out then takes its storage.
+tn_bool gather(const tn_str_array *l, int which, const U *key, tn_str_array *out)
+{
+    bool reads_out = out == l || (key && tn::within(&out->pool, key));
+    if (!reads_out || tn_str_array_failed(out)) return gather_into(l, which, key, out);
+    tn_str_array aside;
+    tn_str_array_init(&aside);
+    tn_bool done = gather_into(l, which, key, &aside);
+    tn_str_array_free(out);
+    *out = aside;
+    return done;
 }
 
 } // namespace
@@ -100,8 +132,10 @@ tn_bool tn_param_set(tn_str_array *l, const U *name, const U *value)
 {
     tn_int32 i = search(l, by_name(name));
     if (i < 0) return append_pair(l, name, value);
+    // The new value goes in before the old one leaves: a value read from this
+    // list is then still where it was when it is copied.
     tn_uint32 at = static_cast<tn_uint32>(2 * i + 1);
-    return tn_str_array_remove(l, at) && tn_str_array_inserto(l, value, at);
+    return tn_str_array_inserto(l, value, at) && tn_str_array_remove(l, at + 1);
 }
 
 tn_bool tn_param_remove(tn_str_array *l, const U *name)
@@ -129,8 +163,8 @@ tn_bool tn_multiparam_remove(tn_str_array *l, const U *name, const U *value)
     return !tn_str_array_failed(l);
 }
 
-tn_bool tn_multiparam_remove_by_name(tn_str_array *l, const U *name) { return remove_all(l, by_name(name)); }
-tn_bool tn_multiparam_remove_by_value(tn_str_array *l, const U *value) { return remove_all(l, by_value(value)); }
+tn_bool tn_multiparam_remove_by_name(tn_str_array *l, const U *name) { return remove_all_by(l, name, by_name); }
+tn_bool tn_multiparam_remove_by_value(tn_str_array *l, const U *value) { return remove_all_by(l, value, by_value); }
 tn_bool tn_multiparam_get_name_list(const tn_str_array *l, tn_str_array *out) { return gather(l, name_part, nullptr, out); }
 tn_bool tn_multiparam_get_value_list(const tn_str_array *l, tn_str_array *out) { return gather(l, value_part, nullptr, out); }
 

@@ -135,6 +135,9 @@ tn_bool tn_str_array_cat(tn_str_array *d, const tn_str_array *s) { return tn_str
 
 tn_bool tn_str_array_copyn(tn_str_array *d, const tn_str_array *s, tn_uint32 n)
 {
+    // Onto itself: emptying first would lose the source, which already holds
+    // the copy's first n strings.
+    if (d == s && n && n <= count(d)) return tn_str_array_truncate_length(d, n);
     empty_both(d);
     return tn_str_array_catn(d, s, n);
 }
@@ -150,7 +153,7 @@ bool append_in_place(tn_str_array *a, const U *s, tn_uint32 n)
         pool.element_size != 1 || list.element_size != sizeof(U *))
         return false;
     U *at = pool.data + pool.length;
-    if (n) std::memcpy(at, s, n);
+    if (n) std::memmove(at, s, n); // s may lie in the pool's spare room
     at[n] = 0;
     pool.length += n + 1;
     std::memcpy(list.data + list.length, &at, sizeof at);
@@ -191,9 +194,11 @@ tn_bool tn_str_array_insertn(tn_str_array *d, const tn_str_array *s, tn_uint32 n
         fail_both(d);
         return 0;
     }
-    d->entries.length += n * d->entries.element_size;
+    // The reserved entries count only once their strings are in the pool: a
+    // failed insert leaves no entry that points nowhere.
     tn_array_insertn(&d->pool, s->pool.data, span(&s->pool, n), offset_of(d, position));
     if (!settle(d)) return 0;
+    d->entries.length += n * d->entries.element_size;
     relink(d);
     return 1;
 }

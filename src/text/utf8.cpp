@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "core/within.h"
+
 namespace {
 
 // Sequence length by lead byte, legal or not.
@@ -123,6 +125,24 @@ tn_uint32 encode_run(const tn_wchar *&s, tn_uint32 &left, tn_uchar *out, tn_uint
     return n;
 }
 
+// Bytes of the UTF-8 form up to the end, a 0 unit, or the character that
+// would take the count past 32 bits: that one stays in left, as a character
+// that does not fit a destination does. At three bytes a unit the limit
+// comes after some 1.4 G units, well within a 32-bit source length.
+tn_uint32 measure(const tn_wchar *s, tn_uint32 *left)
+{
+    const tn_uint32 n = *left;
+    tn_uint64 bytes = 0;
+    tn_uint32 i = 0;
+    for (; i < n && s[i]; ++i) {
+        const tn_uint32 size = s[i] < 0x80 ? 1 : s[i] < 0x800 ? 2 : 3;
+        if (bytes + size > 0xFFFFFFFFu) break;
+        bytes += size;
+    }
+    *left = n - i;
+    return static_cast<tn_uint32>(bytes);
+}
+
 } // namespace
 
 tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wchar *destination,
@@ -138,10 +158,15 @@ tn_bool tn_utf8_to_wcs(const tn_uchar *source, tn_uint32 *source_length, tn_wcha
 
 // The appends decode straight into the array while its capacity lasts and
 // let the array's own append take the character that needs more room, so
-// the array grows exactly as with one append per character.
+// the array grows exactly as with one append per character. The source is
+// found afresh after each such append, which may have moved it with the
+// array's storage.
 tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_array *array)
 {
+    const tn::anchor from = tn::anchor_in(array, source);
+    const tn_uint32 total = length;
     while (length) {
+        source = from.at() + (total - length);
         if (array->element_size == sizeof(tn_wchar) && !array->failed) {
             auto *end = reinterpret_cast<tn_wchar *>(array->data + array->length);
             Run r = decode_run(source, length, end, (array->capacity - array->length) / sizeof(tn_wchar));
@@ -154,7 +179,6 @@ tn_bool tn_utf8_cat_to_wcs(const tn_uchar *source, tn_uint32 length, tn_wchar_ar
         step r = decode(source, length, &c, &used);
         if (r != step::done) return r == step::incomplete;
         if (!tn_wchar_array_cato(array, c)) return 0;
-        source += used;
         length -= used;
     }
     return 1;
@@ -168,23 +192,25 @@ tn_bool tn_utf8_from_wcs(const tn_wchar *source, tn_uint32 *source_length, tn_uc
         *byte_count = capacity ? encode_run(source, *source_length, destination, capacity - 1) : 0;
         return 1;
     }
-    tn_uint32 bytes = 0;
-    for (; *source_length && *source; ++source, --*source_length)
-        bytes += *source < 0x80 ? 1 : *source < 0x800 ? 2 : 3;
-    *byte_count = bytes;
+    *byte_count = measure(source, source_length);
     return 1;
 }
 
 tn_bool tn_utf8_cat_from_wcs(const tn_wchar *source, tn_uint32 length, tn_uchar_array *array)
 {
-    while (length && *source) {
+    const tn::anchor from = tn::anchor_in(array, source);
+    const tn_uint32 total = length;
+    while (length) {
+        // Found afresh: the append below may have moved an array that holds the source.
+        source = reinterpret_cast<const tn_wchar *>(from.at()) + (total - length);
+        if (!*source) break;
         if (array->element_size == 1 && !array->failed) {
             array->length += encode_run(source, length, array->data + array->length, array->capacity - array->length);
             if (!length || !*source) break;
         }
         tn_uchar encoded[3];
         if (!tn_array_catn(array, encoded, encode(*source, encoded))) return 0;
-        ++source, --length;
+        --length;
     }
     return 1;
 }

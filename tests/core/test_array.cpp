@@ -228,3 +228,37 @@ TEST_F(ArrayTest, TypedViews)
     }
 }
 } // namespace
+
+namespace {
+
+// Every count divides by the element size, and a source is read in its own
+// element size: an array without one, and a source of another size, are
+// refused with 0 instead of dividing by zero or reading the wrong span.
+TEST_F(ArrayTest, SizelessArraysAndSourcesOfAnotherSizeAreRefused)
+{
+    const tn_uint32 three[] = {1, 2, 3}, key = 2;
+    tn_array none = make(0);
+    for (const char *when : {"after init", "after free"}) {
+        SCOPED_TRACE(when);
+        EXPECT_TRUE(tn_array_failed(&none) && !tn_array_catn(&none, three, 1) && !tn_array_insertn(&none, three, 1, 0));
+        EXPECT_TRUE(!tn_array_length(&none) && !tn_array_bytes(&none) && !tn_array_find(&none, &key));
+        EXPECT_TRUE(!tn_array_get_pos(&none, 0) && !tn_array_get_end(&none) && !tn_array_allocate(&none, 1));
+        EXPECT_TRUE(!tn_array_remove_end(&none) && !tn_array_sort(&none, tn_array_comparator_default, &none.element_size));
+        EXPECT_TRUE(!tn_array_inserto_in_sort(&none, &key, tn_array_comparator_default, &none.element_size) && none.length == 0);
+        tn_array_free(&none);
+    }
+    const struct { const char *call; tn_uint32 destination, source; bool insert; } rows[] = {
+        {"cat 4-byte elements after 2-byte ones", 2, 4, false}, {"cat 2-byte elements after 4-byte ones", 4, 2, false},
+        {"insert 2-byte elements among 4-byte ones", 4, 2, true}, {"cat from a sizeless array", 4, 0, false},
+    };
+    for (const auto &row : rows) {
+        tn_array d = make(row.destination), s = make(row.source);
+        tn_array_catn(&d, three, 2), tn_array_catn(&s, three, 1);
+        const Bytes before = raw(d);
+        EXPECT_FALSE(row.insert ? tn_array_insert(&d, &s, 0) : tn_array_cat(&d, &s)) << row.call;
+        EXPECT_EQ(raw(d), before) << row.call << ": the destination changed";
+        tn_array_free(&d), tn_array_free(&s);
+    }
+}
+
+} // namespace

@@ -69,3 +69,15 @@ TEST_F(CharArray, FailuresFollowTheArrayFrame)
 }
 
 } // namespace
+
+namespace {
+
+TEST(CharArraySizeless, InsertOfATerminatorIsRefused) // its position check divides by the element size
+{
+    tn_array none;
+    tn_array_init(&none, 0);
+    EXPECT_TRUE(!tn_uchar_array_insert0(&none, 0) && !tn_wchar_array_insert0(&none, 0) && !tn_array_length(&none));
+    tn_array_free(&none);
+}
+
+} // namespace

@@ -253,3 +253,28 @@ TEST(FloatScan, Grammar)
 }
 
 } // namespace
+
+namespace {
+
+// A hexadecimal field may sit in a record of exactly its size (two digits
+// into a three-byte buffer): nothing may be read or written past the text.
+// The buffers live on the heap so that the address sanitizer sees their end.
+TEST(IntFormat, HexTouchesOnlyItsTextInABufferOfExactlyThatSize)
+{
+    for (const IntFormat &f : int_formats) {
+        if (f.kind != 'x' || f.bits < 32) continue;
+        for (tn_uint32 width = 1; width <= 16; ++width) {
+            const tn_uint32 digits = width < tn_uint32(f.bits / 4) ? width : tn_uint32(f.bits / 4);
+            if (!f.filled && digits < width) continue;
+            for (u64 v : {u64{0}, u64{0xfedcba9876543210} >> (64 - 4 * digits)}) {
+                const std::string want = reference(f, v, width);
+                SCOPED_TRACE(std::string(f.name) + " of " + want + " width " + std::to_string(width));
+                std::vector<tn_uchar> exact(want.size());
+                ASSERT_EQ(f.narrow(exact.data(), v, width), want.size());
+                EXPECT_EQ(std::string(exact.begin(), exact.end()), want);
+            }
+        }
+    }
+}
+
+} // namespace

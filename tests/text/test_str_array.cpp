@@ -123,3 +123,33 @@ TEST_F(StrList, NarrowCloneFindFree) { clone_find_free<tn_uchar>(tn_str_list_clo
 TEST_F(StrList, WideCloneFindFree) { clone_find_free<tn_wchar>(tn_wstr_list_clone, tn_wstr_list_free, tn_wstr_list_find); }
 
 } // namespace
+
+namespace {
+
+// Entries and pool must agree after a failed insert too: every entry the
+// record holds points at the next string of the pool, the strings fill the
+// pool exactly, and the array reads as failed and empty until it is freed.
+TEST_F(StrArray, FailedInsertKeepsEntriesAndPoolInStep)
+{
+    const std::string longer(120, 'x'); // moves the pool; sixteen strings fill the first block of entries
+    tn_test::sweep_alloc_failures([&] {
+        for (int i = 0; i < 16; ++i) tn_str_array_cato(&a, u("s" + std::to_string(i)));
+        tn_str_array_cato(&b, u(longer));
+        if (tn_str_array_failed(&a) || tn_str_array_failed(&b)) return tn_str_array_free(&a), tn_str_array_free(&b), false;
+        const tn_bool done = tn_str_array_insertn(&a, &b, 1, 1);
+        const auto *e = static_cast<tn_uchar *const *>(tn_array_get(&a.entries));
+        const tn_uint32 strings = a.entries.length / a.entries.element_size;
+        const tn_uchar *p = a.pool.data, *end = a.pool.data + a.pool.length;
+        for (tn_uint32 i = 0; i < strings && p < end; p += std::strlen(reinterpret_cast<const char *>(p)) + 1, ++i)
+            EXPECT_EQ(e[i], p) << "entry " << i << " of " << strings << (done ? "" : " after a failed insert");
+        EXPECT_EQ(p, end) << "the pool holds strings no entry points at";
+        EXPECT_EQ(strings, done ? 17u : 16u) << (done ? "entries after the insert" : "entries after a failed insert");
+        EXPECT_TRUE(done || (tn_str_array_failed(&a) && !tn_str_array_length(&a) && !tn_str_array_get_pos(&a, 0) &&
+                             !tn_str_array_get_end(&a) && !tn_str_array_find(&a, u("s0"))));
+        tn_str_array_free(&a), tn_str_array_free(&b);
+        return done != 0;
+    });
+    EXPECT_TRUE(tn_str_array_cato(&a, u("again")) && tn_str_array_length(&a) == 1); // usable at once after the free
+}
+
+} // namespace
