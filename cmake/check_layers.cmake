@@ -4,7 +4,8 @@
 # stands on text alone. Private headers are named from the one include root
 # src/ ("core/checked.h"), never by a relative path, and carry no tn_ prefix.
 # The portable folders include no operating-system header, only the C++
-# standard library's and C99's (and xml its two parsers'). The platform folder
+# standard library's, C99's and the compiler's intrinsics (and xml its
+# two parsers'). The platform folder
 # implements interfaces for every subsystem and is exempt; a new public
 # header must be placed in the table below.
 cmake_policy(VERSION 3.25)
@@ -70,8 +71,9 @@ function(check_file file owner)
       endif()
     elseif(line MATCHES "<([^>]+)>")
       set(system ${CMAKE_MATCH_1})
-      if(system MATCHES "^(stddef|stdint|stdarg|limits)\\.h$")
-        # C99's own headers, which the public headers need.
+      if(system MATCHES "^(stddef|stdint|stdarg|limits)\\.h$" OR system MATCHES "^[a-z]+intrin\\.h$")
+        # C99's own headers, which the public headers need, and the
+        # compiler's vector intrinsics.
       elseif(system MATCHES "[/.]" AND NOT (owner STREQUAL "xml" AND system MATCHES "^(libxml/|expat\\.h$)"))
         string(APPEND faults "${shown}: an operating-system header outside src/platform: ${line}\n")
       endif()
