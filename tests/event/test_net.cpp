@@ -4,6 +4,8 @@
 #include "support/socket_pair.h"
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -129,4 +131,28 @@ TEST_F(Net, InitAndCycleUnderFailingAllocations)
         EXPECT_TRUE(tn_net_process(&n, 0) && take().size() == in_table) << "a cycle after a failed one skipped tasks";
         return tn_net_free(&n), ok;
     });
+}
+// Four threads queue, change and remove tasks while the loop's thread cycles and resets: a reset takes the table
+// out under the lock and calls each task it held once, with the remove kind.
+TEST_F(Net, ResetWhileOtherThreadsSendRequests)
+{
+    std::vector<Pair> pairs(4);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> senders;
+    for (const Pair &p : pairs)
+        senders.emplace_back([&, s = p.ours] {
+            while (!done) {
+                const tn_uint32 id = set(READ, 0, s);
+                modify(id, WRITE, 0), remove(id);
+            }
+        });
+    for (int round = 0; round < 200; ++round) {
+        cycle(), take(), tn_net_reset(&net);
+        Calls calls = take();
+        std::sort(calls.begin(), calls.end());
+        EXPECT_TRUE(std::adjacent_find(calls.begin(), calls.end()) == calls.end()) << "a task was called twice";
+        EXPECT_TRUE(std::all_of(calls.begin(), calls.end(), [](const Call &c) { return c.first == REMOVE; }));
+    }
+    done = true;
+    for (auto &t : senders) t.join();
 }
