@@ -2,6 +2,7 @@
 #include <tarnel_util/tn_time.h>
 
 #include <initializer_list>
+#include <utility>
 
 #include "core/array_internal.h"
 #include "event/lock.h"
@@ -79,20 +80,41 @@ void run_backwards(tn_array *list)
     }
 }
 
+// Moves the table out under the lock, with the waiting requests applied.
+// Other threads look tasks up while a shut-down runs the callbacks: they
+// find an empty table instead of one that is being emptied.
+tn_array take_table(tn_net *net)
+{
+    tn::lock_guard lock(&net->lock);
+    if (lock.held()) apply_pending(net);
+    tn_array taken = net->tasks;
+    tn_array_init(&net->tasks, sizeof(tn_net_task));
+    return taken;
+}
+
+// Leaves the dispatcher empty, dropping what was asked for during the
+// callbacks, and gives the table back its storage, so that a reset one
+// allocates no more than a new one. A failed lock does not stop this: a
+// shut-down must end empty.
+void settle_empty(tn_net *net, tn_array *taken)
+{
+    tn::lock_guard lock(&net->lock);
+    tn_poll_reset(&net->poll);
+    tn_array_truncate(&net->pending);
+    tn_array_truncate(taken);
+    std::swap(net->tasks, *taken);
+}
+
 void shut_down(tn_net *net)
 {
-    {
-        tn::lock_guard lock(&net->lock);
-        if (lock.held()) apply_pending(net);
-    }
-    for (tn_uint32 i = 0; i < tn_array_length(&net->tasks); ++i) {
-        tn_net_task *task = task_at(&net->tasks, i);
+    tn_array taken = take_table(net);
+    for (tn_uint32 i = 0; i < tn_array_length(&taken); ++i) {
+        tn_net_task *task = task_at(&taken, i);
         task->kind = TN_NET_TASK_REMOVE;
         if (task->callback) task->callback(task);
     }
-    tn_poll_reset(&net->poll);
-    tn_array_truncate(&net->tasks);
-    tn_array_truncate(&net->pending);
+    settle_empty(net, &taken);
+    tn_array_free(&taken);
 }
 
 // Sockets found ready by the last wait. Few are ready at a time, so the walk

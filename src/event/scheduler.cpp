@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "core/array_internal.h"
 #include "event/lock.h"
@@ -231,13 +232,29 @@ void apply_pending(tn_scheduler *s)
     drop_removed(&s->tasks);
 }
 
+// Moves the table out under the lock, with the waiting requests applied.
+// Other threads look tasks up while the users are let go of: they find an
+// empty table, and so cannot copy a task that is going into a request.
+tn_array take_table(tn_scheduler *s)
+{
+    tn::lock_guard lock(&s->lock);
+    if (lock.held()) apply_pending(s);
+    tn_array taken = s->tasks;
+    tn_array_init(&s->tasks, sizeof(tn_scheduled_task));
+    return taken;
+}
+
+// The users' frees run without the lock. The emptied table then gets its
+// storage back, so that a reset scheduler allocates no more than a new one.
 void let_go(tn_scheduler *s)
 {
+    tn_array taken = take_table(s);
+    tn_scheduled_task_array_truncate_object(&taken);
     {
         tn::lock_guard lock(&s->lock);
-        if (lock.held()) apply_pending(s);
+        std::swap(s->tasks, taken);
     }
-    tn_scheduled_task_array_truncate_object(&s->tasks);
+    tn_array_free(&taken);
 }
 
 } // namespace

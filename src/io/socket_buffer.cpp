@@ -62,7 +62,9 @@ tn_bool tn_socket_output_buffer_write_op(const void *source, tn_uint32 n, void *
             if (!would_block() || !tn_poll_wait_write(b->poll, b->socket, b->write_timeout)) return 0;
             if (!tn_socket_send(b->socket, from, n, &sent)) return 0;
         }
-        if (sent > n) return 0;
+        // A send that took nothing would take nothing again: give up
+        // rather than spin.
+        if (sent == 0 || sent > n) return 0;
         from += sent;
         n -= sent;
     }

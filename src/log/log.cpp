@@ -4,6 +4,7 @@
 #include <tarnel_util/tn_mutex.h>
 #include <tarnel_util/tn_str.h>
 #include <tarnel_util/tn_str_array.h>
+#include <tarnel_util/tn_thread.h>
 #include <tarnel_util/tn_time.h>
 
 #include "platform/platform.h"
@@ -20,11 +21,16 @@ enum : tn_int32 { silent = 0, error = 1, warning = 2, info = 3, debug = 4 };
 
 const char letters[] = " EWID";
 
+// Where set-up stands: at most one thread runs it, and a failed one lets
+// a later call try again.
+enum : tn_int32 { not_set_up = 0, setting_up = 1, set_up_done = 2 };
+
 struct log_state {
     // Stored last by set-up with release order: a thread that reads it with
     // acquire order also sees the mutex, the tags and the filter, which never
     // change afterwards.
     std::atomic<FILE *> stream{nullptr};
+    std::atomic<tn_int32> phase{not_set_up};
     // The one value that changes while other threads log.
     std::atomic<tn_int32> level{silent};
     tn_mutex mutex{};
@@ -83,12 +89,34 @@ FILE *set_up(const char *path)
     return stream;
 }
 
+// Threads that make their first calls at once must not each make a mutex
+// and open the file, which would truncate it under the others' lines: the
+// first to claim set-up runs it, and the rest wait for its end. Returns the
+// stream, null if set-up failed; ran tells whether this call set up.
+FILE *set_up_once(const char *path, bool &ran)
+{
+    ran = false;
+    if (FILE *stream = state.stream.load(std::memory_order_acquire)) return stream;
+    tn_int32 expected = not_set_up;
+    if (state.phase.compare_exchange_strong(expected, setting_up, std::memory_order_acquire)) {
+        ran = true;
+        FILE *stream = set_up(path);
+        state.phase.store(stream ? set_up_done : not_set_up, std::memory_order_release);
+        return stream;
+    }
+    // Set-up takes a few system calls once in the process's life, so the
+    // wait spins rather than needing a lock of its own.
+    while (state.phase.load(std::memory_order_acquire) == setting_up) tn_thread_yield();
+    return state.stream.load(std::memory_order_acquire);
+}
+
 // The stream to write a line of this level and tag to, or null when the line
 // is not written.
 FILE *admit(tn_int32 level, const char *tag)
 {
-    FILE *stream = state.stream.load(std::memory_order_acquire);
-    if (!stream && !(stream = set_up(nullptr))) return nullptr;
+    bool ran;
+    FILE *stream = set_up_once(nullptr, ran);
+    if (!stream) return nullptr;
     if (state.level.load(std::memory_order_relaxed) < level) return nullptr;
     if (tag && state.tag_count) {
         bool listed = tn_str_array_find(&state.tags, u(tag)) < state.tag_count;
@@ -330,8 +358,8 @@ void tn_log_set_level(tn_int32 level) { state.level.store(held(level), std::memo
 
 tn_bool tn_log_set_path(const char *path)
 {
-    if (state.stream.load(std::memory_order_acquire)) return 0;
-    set_up(path);
-    return 1;
+    bool ran;
+    set_up_once(path, ran);
+    return ran;
 }
 

@@ -101,6 +101,26 @@ TEST_F(Sched, RequestsFromOtherThreadsWhileProcessRuns)
     for (const auto &m : mine) for (const auto &u : m) EXPECT_EQ(u.frees, 1);
 }
 
+// Four producers queue, change and take back tasks while the loop's thread passes and resets: a reset takes the
+// table out under the lock and lets go of each user once, calling no callback.
+TEST_F(Sched, ResetWhileOtherThreadsSendRequests)
+{
+    std::deque<User> mine[4];
+    std::atomic<bool> done{false};
+    auto producer = [&](int w) {
+        for (int i = 0; i < 300; ++i) {
+            const tn_uint32 id = add(mine[w].emplace_back(), later);
+            tn_scheduler_modify_scheduled_task(&s, id, later), tn_scheduler_remove_scheduled_task(&s, id);
+        }
+    };
+    std::thread loop([&] { while (!done) (void)pass(), tn_scheduler_reset(&s); });
+    std::vector<std::thread> producers;
+    for (int w = 0; w < 4; ++w) producers.emplace_back(producer, w);
+    for (auto &p : producers) p.join();
+    done = true, loop.join(), tn_scheduler_reset(&s);
+    for (const auto &m : mine) for (const auto &u : m) EXPECT_EQ(u.counts(), Counts(0, 1));
+}
+
 namespace {
 // The scheduler as first written, over plain vectors: every request searches, every pass walks. The reference for
 // the indexed passes, which only large tables and many requests reach.

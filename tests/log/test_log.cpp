@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -191,3 +192,27 @@ TEST_F(Log, LinesOfThreadsNeverMix)
 }
 
 } // namespace
+
+// Eight threads make the log's first calls at once: one sets it up and the others wait for it, so that the file is
+// opened once and no line is lost. The child reads the file itself and reports in its exit code.
+TEST_F(Log, FirstCallsFromManyThreadsAtOnceSetTheLogUpOnce)
+{
+    EXPECT_EQ(run({{"TN_LOG_LEVEL", "4"}, {"TN_LOG_PATH", "log"}}, [] {
+        constexpr int threads = 8, lines = 200;
+        std::atomic<int> arrived{0};
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&, t] {
+                for (arrived.fetch_add(1); arrived.load() < threads;) std::this_thread::yield();
+                for (int i = 0; i < lines; ++i) tn_log_dv(nullptr, "%d %d", t, i);
+            });
+        for (auto &th : pool) th.join();
+        std::vector<std::string> want, got;
+        for (int t = 0; t < threads; ++t)
+            for (int i = 0; i < lines; ++i) want.push_back("D: " + std::to_string(t) + " " + std::to_string(i));
+        std::ifstream in("log");
+        for (std::string line; std::getline(in, line);) got.push_back(line);
+        std::sort(want.begin(), want.end()), std::sort(got.begin(), got.end());
+        return got == want ? 0 : 1;
+    }), 0) << "lines were lost";
+}

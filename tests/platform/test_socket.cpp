@@ -267,3 +267,20 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
 }
 
 } // namespace
+
+// A full socket leaves the copying road holding a chunk read from the file; a pipe cannot be put back behind it,
+// so the call fails instead of reporting success with those bytes gone.
+TEST_F(Socket, SendFileFailsWhenAFileThatCannotSeekLosesTheUnsentChunk)
+{
+    int pair[2], fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    for (std::size_t n : {std::size_t(65536), std::size_t(1)})
+        while (send(pair[0], pattern.data(), n, 0) > 0) {
+        }
+    ASSERT_TRUE(pipe(fds) == 0 && write(fds[1], pattern.data(), 100) == 100);
+    tn_uint64 count = 5;
+    EXPECT_FALSE(tn_socket_send_file(pair[0], fds[0], 0, 100, &count));
+    EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_OTHER);
+    EXPECT_EQ(count, 0u);
+    for (int fd : {pair[0], pair[1], fds[0], fds[1]}) close(fd);
+}

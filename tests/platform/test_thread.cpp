@@ -92,3 +92,11 @@ TEST_F(Threads, SemaphoreCountsStayWithinTheMaximumAndWaitsTimeOutOrTakeALatePos
     }
     tn_semaphore_free(&s), tn_semaphore_free(&s), tn_semaphore_free(nullptr);
 }
+
+// A body that ends its thread itself never returns to the start sequence, which must not hold on to its record.
+TEST_F(Threads, ABodyThatEndsItsThreadLeavesNothingAllocated)
+{
+    tn_thread t;
+    ASSERT_TRUE(tn_thread_create(&t, 0, [](void *) { pthread_exit(nullptr); }, nullptr));
+    EXPECT_TRUE(tn_thread_join(&t));
+}

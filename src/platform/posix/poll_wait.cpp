@@ -2,6 +2,7 @@
 
 #include <tarnel_util/tn_mult.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <poll.h>
@@ -21,16 +22,25 @@ namespace {
 // that null means "none yet".
 pthread_once_t key_once = PTHREAD_ONCE_INIT;
 pthread_key_t waker_key;
-bool key_made;
+std::atomic<bool> key_made{false};
 
 void close_waker(void *value) { close(static_cast<int>(reinterpret_cast<intptr_t>(value)) - 1); }
 
-void make_key() { key_made = pthread_key_create(&waker_key, close_waker) == 0; }
+void make_key() { key_made.store(pthread_key_create(&waker_key, close_waker) == 0, std::memory_order_release); }
+
+// Runs when the library is unloaded (and at process exit), never at load. A
+// key left behind would make every thread that ends later call close_waker,
+// which is unloaded with the library; threads still alive then keep their
+// eventfd open instead.
+__attribute__((destructor)) void delete_key()
+{
+    if (key_made.exchange(false, std::memory_order_acq_rel)) pthread_key_delete(waker_key);
+}
 
 int thread_waker()
 {
     pthread_once(&key_once, make_key);
-    if (!key_made) return -1;
+    if (!key_made.load(std::memory_order_acquire)) return -1;
     if (void *value = pthread_getspecific(waker_key)) return static_cast<int>(reinterpret_cast<intptr_t>(value)) - 1;
     int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (fd < 0) return -1;

@@ -184,11 +184,17 @@ outcome send_by_copy(tn_socket s, tn_file file, progress &p)
             }
             out += static_cast<std::size_t>(n);
         }
-        p.add(out);
         if (out < static_cast<std::size_t>(got)) {
-            lseek(file, -static_cast<off_t>(static_cast<std::size_t>(got) - out), SEEK_CUR);
+            // A file that cannot be put back (a pipe) has lost the unsent
+            // bytes: that is a failure, and the chunk in hand is not counted.
+            if (lseek(file, -static_cast<off_t>(static_cast<std::size_t>(got) - out), SEEK_CUR) < 0) {
+                fail();
+                return outcome::failed;
+            }
+            p.add(out);
             break;
         }
+        p.add(out);
     }
     return outcome::finished;
 }

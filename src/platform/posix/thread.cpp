@@ -27,8 +27,10 @@ void *trampoline(void *raw)
     void *argument = start->argument;
     *start->tid_out = static_cast<tn_int32>(gettid());
     sem_post(start->started); // the creator's slots are not touched after this
-    function(argument);
+    // Freed before the body: a body that ends with pthread_exit or is
+    // cancelled never comes back here.
     tn_alloc_free(start);
+    function(argument);
     return nullptr;
 }
 
