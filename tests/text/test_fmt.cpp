@@ -88,7 +88,9 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
                 if (!f.wide) continue;
                 tn_wchar wide[40];
                 std::fill(std::begin(wide), std::end(wide), tn_wchar{0xA5A5});
-                ASSERT_TRUE(f.wide(wide, v, width) == n && f.wide(nullptr, v, width) == n && wide[n] == 0xA5A5);
+                ASSERT_EQ(f.wide(wide, v, width), n) << "wide";
+                ASSERT_EQ(f.wide(nullptr, v, width), n) << "wide, measuring";
+                ASSERT_EQ(wide[n], 0xA5A5) << "wide wrote behind the text";
                 ASSERT_TRUE(std::equal(narrow, narrow + n, wide)) << "wide text differs";
             }
     }
@@ -97,8 +99,11 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
 TEST(IntFormat, BoolWritesOneDigit)
 {
     tn_uchar b[2] = {0, canary};
-    EXPECT_TRUE(tn_str_fmt_bool(b, -7) == 1 && b[0] == '1');
-    EXPECT_TRUE(tn_str_fmt_bool(b, 0) == 1 && b[0] == '0' && b[1] == canary);
+    EXPECT_EQ(tn_str_fmt_bool(b, -7), 1u);
+    EXPECT_EQ(b[0], '1');
+    EXPECT_EQ(tn_str_fmt_bool(b, 0), 1u);
+    EXPECT_EQ(b[0], '0');
+    EXPECT_EQ(b[1], canary);
 }
 
 struct IntScan {
@@ -109,7 +114,7 @@ struct IntScan {
     tn_uint32 (*wide)(const tn_wchar *, u64 *);
 };
 #define SCAN(f, T) [](const auto *s, u64 *v) { T t; std::memcpy(&t, v, sizeof t); const tn_uint32 n = f(s, &t); \
-                                               *v = 0; return std::memcpy(v, &t, sizeof t), n; }
+                                               *v = 0; std::memcpy(v, &t, sizeof t); return n; }
 #define SN(n, k, T) {#n, 8 * sizeof(T), k, false, SCAN(tn_str_scan_##n, T), nullptr}
 #define SNW(n, k, T, keeps) {#n, 8 * sizeof(T), k, keeps, SCAN(tn_str_scan_##n, T), SCAN(tn_wstr_scan_##n, T)}
 const IntScan int_scans[] = {
@@ -151,13 +156,15 @@ TEST(IntScan, AgreesWithAWrappingAccumulatorNarrowAndWide)
             const u64 want = text.empty() && f.keeps_on_empty ? untouched : f.kind == 'b' ? acc != 0 : acc & mask(f.bits);
             u64 got = untouched;
             const tn_uint32 n = f.narrow(u(text), &got);
-            ASSERT_TRUE(n == sign + digits.size() && got == want) << n << " characters, value " << got;
+            ASSERT_EQ(n, sign + digits.size()) << "characters taken";
+            ASSERT_EQ(got, want);
             if (!f.wide) continue;
             std::vector<tn_wchar> wide(text.begin(), text.end());
             for (tn_wchar &c : wide) c = static_cast<tn_uchar>(c);
             wide.push_back(0);
             got = untouched;
-            ASSERT_TRUE(f.wide(wide.data(), &got) == n && got == want) << "wide";
+            ASSERT_EQ(f.wide(wide.data(), &got), n) << "wide";
+            ASSERT_EQ(got, want) << "wide";
         }
 }
 
@@ -165,7 +172,10 @@ TEST(IntScan, WideDigitsOutsideAsciiEndTheScan)
 {
     const tn_wchar text[] = {'1', '2', 0x0131 /* low byte '1' */, 0}, high[] = {'f', 0x0166 /* low byte 'f' */, 0};
     tn_uint32 v = 0, x = 0;
-    EXPECT_TRUE(tn_wstr_scan_uint(text, &v) == 2 && v == 12 && tn_wstr_scan_xint(high, &x) == 1 && x == 15);
+    EXPECT_EQ(tn_wstr_scan_uint(text, &v), 2u);
+    EXPECT_EQ(v, 12u);
+    EXPECT_EQ(tn_wstr_scan_xint(high, &x), 1u);
+    EXPECT_EQ(x, 15u);
 }
 
 std::string ffmt(double v, bool single)
@@ -173,7 +183,8 @@ std::string ffmt(double v, bool single)
     tn_uchar b[32];
     std::memset(b, canary, sizeof b);
     const tn_uint32 n = single ? tn_str_fmt_float32(b, static_cast<float>(v)) : tn_str_fmt_float64(b, v);
-    EXPECT_TRUE(b[n] == canary && n <= (single ? 14u : 15u)) << n;
+    EXPECT_EQ(b[n], canary) << "wrote behind the text";
+    EXPECT_LE(n, single ? 14u : 15u);
     return std::string(reinterpret_cast<char *>(b), n);
 }
 
@@ -217,7 +228,9 @@ TEST(FloatFormat, EightDigitsWithTheLeadingExponentEverywhereAndScanBack)
             const std::string text = ffmt(value, single);
             SCOPED_TRACE(text);
             const size_t lead = value < 0;
-            ASSERT_TRUE(text.size() >= lead + 9 && text[lead] != '0' && text[lead + 1] == '.');
+            ASSERT_GE(text.size(), lead + 9);
+            ASSERT_NE(text[lead], '0') << "the leading digit";
+            ASSERT_EQ(text[lead + 1], '.');
             ASSERT_EQ(text.find_first_not_of("0123456789", lead + 2), text.size() > lead + 9 ? lead + 9 : text.npos);
             // 2.1e-7: subnormals carry fewer significant bits than eight digits.
             ASSERT_LE(std::fabs(std::strtod(text.c_str(), nullptr) - value), 2.1e-7 * std::fabs(value)) << value;
@@ -244,12 +257,17 @@ TEST(FloatScan, Grammar)
         float f = 99;
         EXPECT_EQ(tn_str_scan_float64(u(c.text), &d), c.n);
         EXPECT_EQ(tn_str_scan_float32(u(c.text), &f), c.n);
-        EXPECT_TRUE(std::isinf(c.value) ? std::isinf(d) : std::fabs(d - c.value) <= 1e-15 * std::fabs(c.value)) << d;
+        if (std::isinf(c.value)) {
+            EXPECT_TRUE(std::isinf(d)) << d;
+        } else {
+            EXPECT_LE(std::fabs(d - c.value), 1e-15 * std::fabs(c.value)) << d;
+        }
         EXPECT_EQ(f, static_cast<float>(d));
     }
     double minus_zero = 1;
     EXPECT_EQ(tn_str_scan_float64(u("-0e500"), &minus_zero), 6u);
-    EXPECT_TRUE(std::signbit(minus_zero) && minus_zero == 0);
+    EXPECT_EQ(minus_zero, 0);
+    EXPECT_TRUE(std::signbit(minus_zero));
 }
 
 } // namespace
