@@ -32,9 +32,23 @@ TEST_F(Threads, CreateJoinDetachStackSizePriorityAndHandleZero)
 {
     static constexpr int nice_of_level[8] = {0, -20, -10, -5, 0, 5, 10, 19};
     const struct { tn_int32 number; tn_uint32 level; } rows[] = {
-        {10, 1}, {8, 1}, {7, 2}, {5, 2}, {4, 3}, {2, 3}, {1, 4}, {-1, 4},
-        {11, 4}, {-11, 4}, {-2, 5}, {-4, 5}, {-5, 6}, {-7, 6}, {-8, 7}, {-10, 7},
-    }; // numbers beyond the table clamp to its ends
+        {10, 1},
+        {8, 1},
+        {7, 2},
+        {5, 2},
+        {4, 3},
+        {2, 3},
+        {1, 4},
+        {-1, 4},
+        {11, 4},
+        {-11, 4},
+        {-2, 5},
+        {-4, 5},
+        {-5, 6},
+        {-7, 6},
+        {-8, 7},
+        {-10, 7},
+    }; // a number outside -10..10 means normal
     const tn_uint32 stack_requests[] = {1, 100000, 512 * 1024};
     const auto before = tn_test::outstanding();
     for (int i = 0; i < 16; ++i) {

@@ -33,13 +33,31 @@ struct IntFormat {
 #define ZNW(n, k, T) {#n, 8 * sizeof(T), k, true, CALL(tn_uchar, tn_str_fmt_##n(b, T(v), w)), \
                       CALL(tn_wchar, tn_wstr_fmt_##n(b, T(v), w))}
 const IntFormat int_formats[] = {
-    FN(int8, 'd', tn_int8), FNW(int16, 'd', tn_int16), FNW(int, 'd', tn_int32), FNW(int32, 'd', tn_int32),
-    FNW(int64, 'd', tn_int64), FN(uint8, 'u', tn_uint8), FNW(uint16, 'u', tn_uint16), FNW(uint, 'u', tn_uint32),
-    FNW(uint32, 'u', tn_uint32), FNW(uint64, 'u', tn_uint64), FN(xint8, 'x', tn_uint8), FNW(xint16, 'x', tn_uint16),
-    FNW(xint, 'x', tn_uint32), FNW(xint32, 'x', tn_uint32), FNW(xint64, 'x', tn_uint64), ZNW(0uint, 'u', tn_uint32),
-    ZN(0uint8, 'u', tn_uint8), ZNW(0uint16, 'u', tn_uint16), ZNW(0uint32, 'u', tn_uint32),
-    ZNW(0uint64, 'u', tn_uint64), ZNW(0xint, 'x', tn_uint32), ZN(0xint8, 'x', tn_uint8),
-    ZNW(0xint16, 'x', tn_uint16), ZNW(0xint32, 'x', tn_uint32), ZNW(0xint64, 'x', tn_uint64),
+    FN(int8, 'd', tn_int8),
+    FNW(int16, 'd', tn_int16),
+    FNW(int, 'd', tn_int32),
+    FNW(int32, 'd', tn_int32),
+    FNW(int64, 'd', tn_int64),
+    FN(uint8, 'u', tn_uint8),
+    FNW(uint16, 'u', tn_uint16),
+    FNW(uint, 'u', tn_uint32),
+    FNW(uint32, 'u', tn_uint32),
+    FNW(uint64, 'u', tn_uint64),
+    FN(xint8, 'x', tn_uint8),
+    FNW(xint16, 'x', tn_uint16),
+    FNW(xint, 'x', tn_uint32),
+    FNW(xint32, 'x', tn_uint32),
+    FNW(xint64, 'x', tn_uint64),
+    ZNW(0uint, 'u', tn_uint32),
+    ZN(0uint8, 'u', tn_uint8),
+    ZNW(0uint16, 'u', tn_uint16),
+    ZNW(0uint32, 'u', tn_uint32),
+    ZNW(0uint64, 'u', tn_uint64),
+    ZNW(0xint, 'x', tn_uint32),
+    ZN(0xint8, 'x', tn_uint8),
+    ZNW(0xint16, 'x', tn_uint16),
+    ZNW(0xint32, 'x', tn_uint32),
+    ZNW(0xint64, 'x', tn_uint64),
 };
 
 u64 mask(int bits) { return bits == 64 ? ~u64{0} : (u64{1} << bits) - 1; }
@@ -59,7 +77,10 @@ std::vector<u64> samples()
 {
     std::vector<u64> v{0, 1, ~u64{0}};
     for (int b = 1; b < 64; ++b)
-        for (u64 d : {u64{0}, u64{1}, ~u64{0}}) v.push_back((u64{1} << b) + d), v.push_back(~(u64{1} << b) + d);
+        for (u64 d : {u64{0}, u64{1}, ~u64{0}}) {
+            v.push_back((u64{1} << b) + d);
+            v.push_back(~(u64{1} << b) + d);
+        }
     for (u64 p = 10, last = 1; p > last; last = p, p *= 10)
         for (u64 d : {u64{0}, u64{1}, ~u64{0}}) v.push_back(p + d);
     std::mt19937_64 random(7);
@@ -118,11 +139,22 @@ struct IntScan {
 #define SN(n, k, T) {#n, 8 * sizeof(T), k, false, SCAN(tn_str_scan_##n, T), nullptr}
 #define SNW(n, k, T, keeps) {#n, 8 * sizeof(T), k, keeps, SCAN(tn_str_scan_##n, T), SCAN(tn_wstr_scan_##n, T)}
 const IntScan int_scans[] = {
-    SN(bool, 'b', tn_bool), SNW(int, 'd', tn_int32, true), SN(int8, 'd', tn_int8), SNW(int16, 'd', tn_int16, false),
-    SNW(int32, 'd', tn_int32, false), SNW(int64, 'd', tn_int64, true), SN(uint8, 'u', tn_uint8),
-    SNW(uint16, 'u', tn_uint16, false), SNW(uint, 'u', tn_uint32, false), SNW(uint32, 'u', tn_uint32, false),
-    SNW(uint64, 'u', tn_uint64, false), SNW(xint, 'x', tn_uint32, false), SN(xint8, 'x', tn_uint8),
-    SNW(xint16, 'x', tn_uint16, false), SNW(xint32, 'x', tn_uint32, false), SNW(xint64, 'x', tn_uint64, false),
+    SN(bool, 'b', tn_bool),
+    SNW(int, 'd', tn_int32, true),
+    SN(int8, 'd', tn_int8),
+    SNW(int16, 'd', tn_int16, false),
+    SNW(int32, 'd', tn_int32, false),
+    SNW(int64, 'd', tn_int64, true),
+    SN(uint8, 'u', tn_uint8),
+    SNW(uint16, 'u', tn_uint16, false),
+    SNW(uint, 'u', tn_uint32, false),
+    SNW(uint32, 'u', tn_uint32, false),
+    SNW(uint64, 'u', tn_uint64, false),
+    SNW(xint, 'x', tn_uint32, false),
+    SN(xint8, 'x', tn_uint8),
+    SNW(xint16, 'x', tn_uint16, false),
+    SNW(xint32, 'x', tn_uint32, false),
+    SNW(xint64, 'x', tn_uint64, false),
 };
 
 std::vector<std::string> scan_texts()
@@ -191,16 +223,31 @@ std::string ffmt(double v, bool single)
 TEST(FloatFormat, WorkedValues)
 {
     const struct { double v; bool single; const char *text; } cases[] = {
-        {1.5, true, "1.5000000"}, {-2.5, true, "-2.5000000"}, {1234.5, true, "1.2345000E3"},
-        {0.3, true, "3.0000001E-1"}, {0.0, true, "0"}, {-0.0, true, "0"}, {3.14159265358979, false, "3.1415926"},
-        {10.0, false, "1.0000000E1"}, {-1e10, false, "-1.0000000E10"}, {0.0, false, "0"}, {-0.0, false, "0"},
-        {0.01, false, "9.9999999E-3"}, {0.01, true, "9.9999997E-3"}, {0.001, false, "9.9999999E-4"},
-        {DBL_MAX, false, "1.7976931E308"}, {-DBL_MAX, false, "-1.7976931E308"},
-        {4.9406564584124654e-324, false, "4.9406564E-324"}, {FLT_MAX, true, "3.4028234E38"},
-        {-FLT_TRUE_MIN, true, "-1.4012984E-45"}, {INFINITY, false, "INF"}, {-INFINITY, true, "-INF"},
-        {NAN, false, "NaN"}, {NAN, true, "NaN"},
+        {1.5, true, "1.5000000"},
+        {-2.5, true, "-2.5000000"},
+        {1234.5, true, "1.2345000E3"},
+        {0.3, true, "3.0000001E-1"},
+        {0.0, true, "0"},
+        {-0.0, true, "0"},
+        {3.14159265358979, false, "3.1415926"},
+        {10.0, false, "1.0000000E1"},
+        {-1e10, false, "-1.0000000E10"},
+        {0.0, false, "0"},
+        {-0.0, false, "0"},
+        {0.01, false, "9.9999999E-3"},
+        {0.01, true, "9.9999997E-3"},
+        {0.001, false, "9.9999999E-4"},
+        {DBL_MAX, false, "1.7976931E308"},
+        {-DBL_MAX, false, "-1.7976931E308"},
+        {4.9406564584124654e-324, false, "4.9406564E-324"},
+        {FLT_MAX, true, "3.4028234E38"},
+        {-FLT_TRUE_MIN, true, "-1.4012984E-45"},
+        {INFINITY, false, "INF"},
+        {-INFINITY, true, "-INF"},
+        {NAN, false, "NaN"},
+        {NAN, true, "NaN"},
     };
-    for (const auto &c : cases) EXPECT_EQ(ffmt(c.v, c.single), c.text) << (c.single ? "float32" : "float64");
+    for (const auto &c : cases) EXPECT_EQ(ffmt(c.v, c.single), c.text) << (c.single ? "float32 " : "float64 ") << c.v;
 }
 
 // Eight truncated digits and the exponent of the leading digit, over every decade, at the powers of ten (where
@@ -245,11 +292,31 @@ TEST(FloatFormat, EightDigitsWithTheLeadingExponentEverywhereAndScanBack)
 TEST(FloatScan, Grammar)
 {
     const struct { const char *text; tn_uint32 n; double value; } cases[] = {
-        {"1.5", 3, 1.5}, {"-.5e-1", 6, 0.1 * -1.0 * 0.5}, {"12abc", 2, 12.0}, {"12,5", 2, 12.0}, {"1.e2", 4, 100.0},
-        {".e1", 3, 0.0}, {"+7E+1", 5, 70.0}, {"5.", 0, 0.0}, {"1e", 0, 0.0}, {"1e+", 0, 0.0}, {"-", 0, 0.0},
-        {".", 0, 0.0}, {"", 0, 0.0}, {"x1", 0, 0.0}, {"1.2.3", 0, 0.0}, {"1+2", 0, 0.0}, {"1e5e6", 0, 0.0},
-        {"--1", 0, 0.0}, {"1e-+2", 0, 0.0}, {"E5", 0, 0.0}, {"0e999999", 8, 0.0}, {"1e400", 5, INFINITY},
-        {"1e-400", 6, 0.0}, {"1e4294967297", 12, 10.0}, {"0.1234567890123", 15, 0.1234567890123},
+        {"1.5", 3, 1.5},
+        {"-.5e-1", 6, 0.1 * -1.0 * 0.5},
+        {"12abc", 2, 12.0},
+        {"12,5", 2, 12.0},
+        {"1.e2", 4, 100.0},
+        {".e1", 3, 0.0},
+        {"+7E+1", 5, 70.0},
+        {"5.", 0, 0.0},
+        {"1e", 0, 0.0},
+        {"1e+", 0, 0.0},
+        {"-", 0, 0.0},
+        {".", 0, 0.0},
+        {"", 0, 0.0},
+        {"x1", 0, 0.0},
+        {"1.2.3", 0, 0.0},
+        {"1+2", 0, 0.0},
+        {"1e5e6", 0, 0.0},
+        {"--1", 0, 0.0},
+        {"1e-+2", 0, 0.0},
+        {"E5", 0, 0.0},
+        {"0e999999", 8, 0.0},
+        {"1e400", 5, INFINITY},
+        {"1e-400", 6, 0.0},
+        {"1e4294967297", 12, 10.0},
+        {"0.1234567890123", 15, 0.1234567890123},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);

@@ -23,7 +23,8 @@ template <class C> struct Lib;
             case_diff = &P##_case_diff, diffn = &P##_diffn, case_diffn = &P##_case_diffn, lower = &P##_case_lower, \
             upper = &P##_case_upper, lowern = &P##_case_lowern, uppern = &P##_case_uppern;                        \
     }
-TN_LIB(tn_str, tn_uchar); TN_LIB(tn_wstr, tn_wchar);
+TN_LIB(tn_str, tn_uchar);
+TN_LIB(tn_wstr, tn_wchar);
 template <class C> using Text = std::vector<C>; // the characters, and for a string its terminator
 using Fold = unsigned (*)(unsigned);
 unsigned keep(unsigned c) { return c; }
