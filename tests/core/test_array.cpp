@@ -55,6 +55,7 @@ TEST_F(ArrayTest, GrowthAsksExactlyByTheRule)
         {1, 100, ALLOCATE, 129, 144, true},
         {7, 0, ALIGN, 1, 128, true},
         {8, 0, ALIGN, 1, 4096, true},
+        {1, 100, ALIGN, 129, 256, true},
         {8, 512, ALIGN, 513, 8192, true},
         {1, 1, ALIGN, 0xFFFFFF81u, 0, false},
         {1, 1, ALIGN, 0xFFFFFF80u, 0xFFFFFF80u, false},
@@ -148,6 +149,7 @@ TEST_F(ArrayTest, FailuresLeaveTheArrayAsItWas)
         {FAILED, OP(catn(a, vals, 0)), 1, true},
         {FAILED, OP(insertn(a, vals, 0, 9)), 1, true},
         {FAILED, OP(cat(a, &none)), 1, true},
+        {FAILED, OP(insert(a, &none, 0)), 1, true},
         {FAILED, OP(cat(a, &src)), 0, true},
         {FAILED, OP(insert(a, &src, 0)), 0, true},
         {FAILED, OP(inserto_in_sort(a, vals, cmp, &es)), 0, true},
@@ -161,6 +163,7 @@ TEST_F(ArrayTest, FailuresLeaveTheArrayAsItWas)
         {FAILED, OP(sort(a, cmp, &es)), 0, true},
         {FAILED, OP(bytes(a)), 0, true},
         {FAILED, OP(truncate_length(a, 3)), 1, true},
+        {FAILED, OP(seto(a, vals, 0)), 0, true},
     };
 #undef OP
     for (const Row &r : rows) {
@@ -311,6 +314,7 @@ template <class T> void check_view(T (*pos)(const tn_array *, tn_uint32), T (*en
     auto *bytes = reinterpret_cast<unsigned char *>(want);
     for (size_t i = 0; i < sizeof want; ++i) bytes[i] = static_cast<unsigned char>(0x81 + i * 3);
     tn_array a = make(sizeof(T));
+    EXPECT_EQ(pos(&a, 0), zero) << "empty";
     EXPECT_EQ(end(&a), zero) << "empty";
     ASSERT_TRUE(tn_array_catn(&a, want, 4));
     EXPECT_EQ(pos(&a, 0), want[0]);

@@ -60,6 +60,7 @@ TEST_F(Poll, EntriesKeepOrderAndResultBitsAcrossSetARefusedAppendSticks)
     EXPECT_TRUE(tn_poll_remove(&p, x.ours)) << "absent: still 1";
     EXPECT_EQ(tn_pollinfo_array_find(&p.entries, z.ours), 1u) << "the order stays";
     EXPECT_EQ(tn_pollinfo_array_find(&p.entries, x.ours), 2u);
+    EXPECT_EQ(tn_pollinfo_array_get_end(&p.entries)->socket, z.ours);
     EXPECT_FALSE(tn_poll_get_status(&p, x.ours, &bits));
     EXPECT_EQ(bits, 77u) << "a miss leaves the bits alone";
     tn_poll_cancel(&p);
