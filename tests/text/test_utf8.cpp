@@ -58,33 +58,34 @@ std::string disagreement(const tn_uchar *s, tn_uint32 n, tn_array *w)
         at[k + 1] = at[k] + q.len;
     }
     const Kind end = at[k] < n ? model(s + at[k], n - at[k]).kind : ok;
-    std::ostringstream why;
+    std::string why;
+    auto at_cap = [](tn_uint32 cap) { return " at capacity " + std::to_string(cap) + "; "; };
     // Capacities 0 to k, then room to spare (8) and no destination (9).
     for (tn_uint32 cap = w ? 0 : 8; cap <= 9; cap = cap < k ? cap + 1 : cap < 8 ? 8 : cap + 1) {
         const tn_uint32 fit = cap < k ? cap : k;
         tn_uint32 left = n, count = none;
         const bool r = tn_utf8_to_wcs(s, &left, cap < 9 ? out : nullptr, cap < 9 ? cap : 0, &count);
-        if (r != (cap < k || end != illegal)) why << "to_wcs result " << r << " at capacity " << cap << "; ";
-        if (left != n - at[fit]) why << "to_wcs left " << left << " at capacity " << cap << "; ";
-        if (r && count != fit) why << "to_wcs count " << count << " at capacity " << cap << "; ";
-        if (!r && count != none) why << "a failed to_wcs wrote its count; ";
-        if (r && cap < 9 && std::memcmp(out, c, fit * 2) != 0) why << "to_wcs characters at capacity " << cap << "; ";
+        if (r != (cap < k || end != illegal)) why += "to_wcs result " + std::to_string(r) + at_cap(cap);
+        if (left != n - at[fit]) why += "to_wcs left " + std::to_string(left) + at_cap(cap);
+        if (r && count != fit) why += "to_wcs count " + std::to_string(count) + at_cap(cap);
+        if (!r && count != none) why += "a failed to_wcs wrote its count; ";
+        if (r && cap < 9 && std::memcmp(out, c, fit * 2) != 0) why += "to_wcs characters" + at_cap(cap);
     }
     tn_uint32 len = none;
     const bool measured = tn_utf8_get_str_len(s, n, &len);
-    if (measured != (end == ok) || len != k) why << "get_str_len " << measured << ", " << len << "; ";
+    if (measured != (end == ok) || len != k) why += "get_str_len " + std::to_string(measured) + ", " + std::to_string(len) + "; ";
     const Seq first = n ? model(s, n) : Seq{incomplete, 0, 0};
     tn_uint32 size = none;
     const bool sized = tn_utf8_get_char_size(s, n, &size);
     if (sized != (first.kind == ok) || size != (first.kind == ok ? first.len : none))
-        why << "get_char_size " << sized << ", " << size << "; ";
+        why += "get_char_size " + std::to_string(sized) + ", " + std::to_string(size) + "; ";
     if (w && tn_array_truncate(w) && tn_wchar_array_cato(w, 'X')) {
         const bool r = tn_utf8_cat_to_wcs(s, n, w);
         const auto *held = static_cast<tn_wchar *>(tn_array_get(w));
-        if (r != (end != illegal)) why << "cat_to_wcs result " << r << "; ";
-        if (tn_array_length(w) != k + 1 || std::memcmp(held + 1, c, k * 2) != 0) why << "cat_to_wcs characters; ";
+        if (r != (end != illegal)) why += "cat_to_wcs result " + std::to_string(r) + "; ";
+        if (tn_array_length(w) != k + 1 || std::memcmp(held + 1, c, k * 2) != 0) why += "cat_to_wcs characters; ";
     }
-    return why.str();
+    return why;
 }
 
 class Utf8 : public tn_test::AllocTest {
