@@ -15,17 +15,33 @@ static void check_find(const std::string &hay, const std::string &needle)
     ASSERT_EQ(tn_byte_find(h.data(), tn_uint32(h.size()), n.data(), tn_uint32(n.size())), at)
         << hay.substr(0, 40) << " (" << hay.size() << ") / " << needle.substr(0, 40) << " (" << needle.size() << ")";
 }
-static std::string rep(const std::string &s, size_t times) { std::string out; while (times--) out += s; return out; }
+static std::string rep(const std::string &s, size_t times)
+{
+    std::string out;
+    while (times--) out += s;
+    return out;
+}
 // Periodic near misses just after a shift by the period, long repetitive input that makes the search change
 // strategy midway; then random ones, empty operands among them: short units repeated with a flaw or two.
 TEST(ByteFind, AgreesWithNaiveSearch)
 {
-    const std::string a300(300, 'a'), cases[][2] = {{"xa", "ab"}, {"xxab", "ab"}, {"aaaaab", "aab"},
-        {"abcabcabd", "abcabd"}, {"aabaabaabaac", "abaabaac"}, {"babbbaaba", "babba"}, {"babbbaabba", "babba"},
-        {"babbaabaaa", "baba"}, {"aababaaaaa", "aabaa"}, {std::string("\x80\xff\0\x01", 4), std::string("\xff\0", 2)},
-        {rep("a", 5000), a300 + "b"}, {rep("a", 5300) + "ba", a300 + "ba"},
-        {rep("aab", 2000) + "aac" + rep("aab", 9), rep("aab", 99) + "aac"}};
-    for (const auto &c : cases) check_find(c[0], c[1]);
+    const std::string a300(300, 'a');
+    const struct { std::string haystack, needle; } cases[] = {
+        {"xa", "ab"},
+        {"xxab", "ab"},
+        {"aaaaab", "aab"},
+        {"abcabcabd", "abcabd"},
+        {"aabaabaabaac", "abaabaac"},
+        {"babbbaaba", "babba"},
+        {"babbbaabba", "babba"},
+        {"babbaabaaa", "baba"},
+        {"aababaaaaa", "aabaa"},
+        {std::string("\x80\xff\0\x01", 4), std::string("\xff\0", 2)},
+        {rep("a", 5000), a300 + "b"},
+        {rep("a", 5300) + "ba", a300 + "ba"},
+        {rep("aab", 2000) + "aac" + rep("aab", 9), rep("aab", 99) + "aac"},
+    };
+    for (const auto &c : cases) check_find(c.haystack, c.needle);
     std::mt19937 rng(20240611);
     auto below = [&](size_t bound) { return size_t(rng() % bound); };
     for (int round = 0; round < 30000; ++round) {
@@ -63,17 +79,22 @@ TEST(ByteFind, AgreesWithNaiveSearchAtEveryLengthNearVectorWidths)
             }
 }
 
-TEST(Byte, CopyAndZeroMatchTheirModelCompareIsUnsigned)
+TEST(Byte, CopyAndZeroMatchTheirModelAndCompareIsUnsigned)
 {
     for (size_t k = 0; k < 12 * 12 * 21; ++k) { // every source and target offset below 12, lengths 0 to 20
         const size_t from = k % 12, to = k / 12 % 12, length = k / 144;
         tn_uchar got[32], want[32];
         for (size_t i = 0; i < 32; ++i) got[i] = want[i] = tn_uchar(i + 1);
-        std::memmove(want + to, want + from, length), std::memset(want + from, 0, to % 3 ? 0 : length);
+        SCOPED_TRACE(testing::Message() << "from " << from << " to " << to << " length " << length);
+        const bool clear = to % 3 == 0; // then clears the source, on some rows
+        std::memmove(want + to, want + from, length);
+        if (clear) std::memset(want + from, 0, length);
         ASSERT_EQ(tn_byte_copy(got + to, tn_uint32(length), got + from), length);
-        if (to % 3 == 0) tn_byte_zero(got + from, tn_uint32(length)); // then clears the source, on some rows
-        ASSERT_EQ(std::memcmp(got, want, 32), 0) << "from " << from << " to " << to << " length " << length;
+        if (clear) tn_byte_zero(got + from, tn_uint32(length));
+        ASSERT_EQ(std::memcmp(got, want, 32), 0);
     }
     // A signed compare calls 0x01 the larger; only the sign comes back, not the difference; length 0 is equal.
-    EXPECT_TRUE(tn_byte_diff("\x01", 1, "\xff") == -1 && tn_byte_diff("\xff", 1, "") == 1 && !tn_byte_diff("", 0, "b"));
+    EXPECT_EQ(tn_byte_diff("\x01", 1, "\xff"), -1);
+    EXPECT_EQ(tn_byte_diff("\xff", 1, "\x01"), 1);
+    EXPECT_EQ(tn_byte_diff("", 0, "b"), 0);
 }

@@ -38,8 +38,12 @@ void sweep(tn_bool (*mult)(T, T, T *))
 
 TEST(Mult, AgainstTheExactProduct)
 {
-    sweep<tn_int16>(tn_int16_mult), sweep<tn_int32>(tn_int32_mult), sweep<tn_int64>(tn_int64_mult);
-    sweep<tn_uint16>(tn_uint16_mult), sweep<tn_uint32>(tn_uint32_mult), sweep<tn_uint64>(tn_uint64_mult);
+    sweep<tn_int16>(tn_int16_mult);
+    sweep<tn_int32>(tn_int32_mult);
+    sweep<tn_int64>(tn_int64_mult);
+    sweep<tn_uint16>(tn_uint16_mult);
+    sweep<tn_uint32>(tn_uint32_mult);
+    sweep<tn_uint64>(tn_uint64_mult);
 }
 
 } // namespace

@@ -22,11 +22,13 @@ void check(void (*pack)(tn_uchar *, T), void (*unpack)(const tn_uchar *, T *), b
         T v, got;
         std::memcpy(&v, &bits, sizeof v);
         tn_uchar buf[24], want[24];
-        std::memset(buf, 0xEE, sizeof buf), std::memset(want, 0xEE, sizeof want);
+        std::memset(buf, 0xEE, sizeof buf);
+        std::memset(want, 0xEE, sizeof want);
         const unsigned off = i % 9;
         std::memcpy(want + off, &v, sizeof v);
         if (big) std::reverse(want + off, want + off + sizeof v);
-        pack(buf + off, v), unpack(buf + off, &got);
+        pack(buf + off, v);
+        unpack(buf + off, &got);
         ASSERT_EQ(std::memcmp(buf, want, sizeof buf), 0) << name << " of " << std::hex << bits << " at " << off;
         ASSERT_EQ(std::memcmp(&got, &v, sizeof v), 0) << name << " back of " << std::hex << bits << " at " << off;
     }
@@ -34,14 +36,21 @@ void check(void (*pack)(tn_uchar *, T), void (*unpack)(const tn_uchar *, T *), b
 
 TEST(Pack, EveryFormWritesItsByteOrderAtAnyAlignmentAndReadsItBack)
 {
-#define BOTH(f, T) \
-    check<T>(tn_##f##_pack, tn_##f##_unpack, 0, #f), check<T>(tn_##f##_pack_big, tn_##f##_unpack_big, 1, #f "_big")
-    BOTH(uint16, tn_uint16), BOTH(uint32, tn_uint32), BOTH(uint64, tn_uint64);
-    BOTH(float32, float), BOTH(float64, double);
+#define BOTH(f, T)                                     \
+    check<T>(tn_##f##_pack, tn_##f##_unpack, 0, #f); \
+    check<T>(tn_##f##_pack_big, tn_##f##_unpack_big, 1, #f "_big")
+    BOTH(uint16, tn_uint16);
+    BOTH(uint32, tn_uint32);
+    BOTH(uint64, tn_uint64);
+    BOTH(float32, float);
+    BOTH(float64, double);
+#undef BOTH
     tn_uchar b[4];
     tn_uint32_pack_big(b, 0xDEADBEEF); // one literal, in case the host is not what the model assumes
     EXPECT_EQ(0, std::memcmp(b, "\xDE\xAD\xBE\xEF", 4));
-    EXPECT_TRUE(tn_endian_is_little() == 1 && tn_endian_is_big() == 0 && tn_endian_get() == 1);
+    EXPECT_EQ(tn_endian_is_little(), 1);
+    EXPECT_EQ(tn_endian_is_big(), 0);
+    EXPECT_EQ(tn_endian_get(), 1);
 }
 
 } // namespace

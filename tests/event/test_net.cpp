@@ -18,7 +18,12 @@ using namespace std::chrono;
 constexpr tn_uint32 READ = TN_NET_TASK_READ, WRITE = TN_NET_TASK_WRITE, IDLE = TN_NET_TASK_IDLE,
                     TIMEOUT = TN_NET_TASK_TIMEOUT, CANCEL = TN_NET_TASK_CANCEL, REMOVE = TN_NET_TASK_REMOVE;
 constexpr tn_time past = 1; // long gone, and not the "no deadline" 0
-tn_time now_ms() { tn_time t; return tn_time_msec(&t), t; }
+tn_time now_ms()
+{
+    tn_time t;
+    tn_time_msec(&t);
+    return t;
+}
 using Call = std::pair<tn_uint32, tn_uint32>; // (kind, id) of one callback
 using Calls = std::vector<Call>;
 // Every callback's copy of its task goes to seen; the hook acts from inside one.
@@ -26,11 +31,30 @@ struct Net : tn_test::AllocTest {
     tn_net net{};
     std::vector<tn_net_task> seen;
     std::function<void(tn_net_task *)> hook;
-    void SetUp() override { AllocTest::SetUp(); ASSERT_TRUE(tn_net_init(&net)); }
-    void TearDown() override { hook = nullptr, tn_net_free(&net), AllocTest::TearDown(); }
+    void SetUp() override
+    {
+        AllocTest::SetUp();
+        ASSERT_TRUE(tn_net_init(&net));
+    }
+    void TearDown() override
+    {
+        hook = nullptr;
+        tn_net_free(&net);
+        AllocTest::TearDown();
+    }
     static void record(tn_net_task *t) { static_cast<Net *>(t->user)->called(t); }
-    void called(tn_net_task *t) { seen.push_back(*t); if (hook) hook(t); }
-    Calls take() { Calls c; for (const auto &t : seen) c.push_back({t.kind, t.id}); seen.clear(); return c; }
+    void called(tn_net_task *t)
+    {
+        seen.push_back(*t);
+        if (hook) hook(t);
+    }
+    Calls take() // the calls since the last take
+    {
+        Calls c;
+        for (const auto &t : seen) c.push_back({t.kind, t.id});
+        seen.clear();
+        return c;
+    }
     tn_uint32 set(tn_uint32 kind, tn_time deadline, int sock, tn_net *n = nullptr) // the new task's id, or 0
     {
         tn_net_task t{};
@@ -41,7 +65,12 @@ struct Net : tn_test::AllocTest {
     bool cancel(tn_uint32 id) { return tn_net_cancel_net_task(&net, id); }
     bool remove(tn_uint32 id) { return tn_net_remove_net_task(&net, id); }
     void cycle(tn_int32 timeout = 0) { EXPECT_TRUE(tn_net_process(&net, timeout)); }
-    void clear() { hook = nullptr, tn_net_reset(&net), seen.clear(); }
+    void clear()
+    {
+        hook = nullptr;
+        tn_net_reset(&net);
+        seen.clear();
+    }
     tn_uint32 len(const tn_array &a) const { return tn_array_length(&a); }
 };
 } // namespace
@@ -61,12 +90,32 @@ TEST_F(Net, CallbacksRunRemovesThenCancelsAndTimeoutsThenReadyInTableOrder)
         {{REMOVE, T[0]}, {REMOVE, T[1]}, {REMOVE, T[2]}, {REMOVE, T[4]}, {REMOVE, T[6]}, {REMOVE, T[7]},
          {REMOVE, T[7] + 1}}};
     for (int c = 0; c < 4; ++c) {
-        if (c == 1) { EXPECT_TRUE(cancel(T[7]) && !modify(T[7], WRITE, 0) && cancel(T[7]) && cancel(T[2]) &&
-                                  remove(T[5]) && remove(T[5]) && remove(T[3]) && !cancel(T[3])); }
-        if (c == 3) { EXPECT_TRUE(set(WRITE, 0, pairs[4].ours) && modify(T[6], WRITE, 0)); }
-        c < 3 ? cycle(1000) : tn_net_free(&net);
-        for (const auto &t : seen) EXPECT_TRUE(t.kind != READ || t.result == TN_POLL_READ);
-        EXPECT_EQ(take(), expected[c]) << "cycle " << c;
+        SCOPED_TRACE(testing::Message() << "cycle " << c);
+        if (c == 1) {
+            EXPECT_TRUE(cancel(T[7]));
+            EXPECT_FALSE(modify(T[7], WRITE, 0)) << "a modify yields to a waiting cancel";
+            EXPECT_TRUE(cancel(T[7]));
+            EXPECT_TRUE(cancel(T[2]));
+            EXPECT_TRUE(remove(T[5]));
+            EXPECT_TRUE(remove(T[5]));
+            EXPECT_TRUE(remove(T[3]));
+            EXPECT_FALSE(cancel(T[3])) << "a cancel yields to a waiting remove";
+        }
+        if (c == 3) {
+            EXPECT_NE(set(WRITE, 0, pairs[4].ours), 0u);
+            EXPECT_TRUE(modify(T[6], WRITE, 0));
+        }
+        if (c < 3) {
+            cycle(1000);
+        } else {
+            tn_net_free(&net);
+        }
+        for (const auto &t : seen) {
+            if (t.kind == READ) {
+                EXPECT_EQ(t.result, TN_POLL_READ) << "task " << t.id;
+            }
+        }
+        EXPECT_EQ(take(), expected[c]);
     }
     ASSERT_TRUE(tn_net_init(&net));
 }
@@ -76,10 +125,16 @@ TEST_F(Net, DeadlineEqualToTheCycleClockHasNotPassed)
 {
     Pair p, q;
     int same_ms = 0;
-    for (int attempt = 0; attempt < 1000 && same_ms < 5; ++attempt, clear()) {
+    for (int attempt = 0; attempt < 1000 && same_ms < 5; ++attempt) {
         const tn_time t0 = now_ms();
-        const tn_uint32 earlier = (set(READ, t0, p.ours), set(READ, t0 - 1, q.ours));
-        if (cycle(), now_ms() == t0 && ++same_ms) { EXPECT_EQ(take(), Calls(1, {TIMEOUT, earlier})) << "clock " << t0; }
+        set(READ, t0, p.ours);
+        const tn_uint32 earlier = set(READ, t0 - 1, q.ours);
+        cycle();
+        if (now_ms() == t0) {
+            ++same_ms;
+            EXPECT_EQ(take(), Calls(1, {TIMEOUT, earlier})) << "clock " << t0;
+        }
+        clear();
     }
     EXPECT_GT(same_ms, 0) << "no cycle ran within one millisecond";
 }
@@ -90,32 +145,62 @@ TEST_F(Net, RequestsFindTheirTaskBySocketIdleKeepsItsPollEntryIdsWrap)
     Pair p, q;
     net.last_id = 0xFFFFFFFEu;
     const tn_uint32 a = set(READ, 0, p.ours), b = set(READ, 0, q.ours);
-    EXPECT_EQ(Call(a, b), Call(0xFFFFFFFFu, 1u));
-    EXPECT_TRUE((cycle(), remove(a)) && set(READ, past, p.ours) && set(WRITE, 0, q.ours)); // the first lost to the removal
-    EXPECT_EQ((cycle(), take()), Calls(1, {REMOVE, a}));
-    const tn_net_task *t = tn_net_task_array_get_end(&net.tasks); // the table's only task
-    EXPECT_EQ(Calls({{len(net.tasks), len(net.poll.entries)}, {t->kind, t->id}}), Calls({{1, 1}, {WRITE, b}}));
-    ASSERT_TRUE(set(IDLE, past, p.ours) && modify(b, IDLE, past));
-    (void)::send(p.peer, "x", 1, 0), cycle(), cycle(1000); // the requests' wake-up, then a wait
-    EXPECT_EQ(take(), Calls(1, {IDLE, b}));
+    EXPECT_EQ(a, 0xFFFFFFFFu);
+    EXPECT_EQ(b, 1u) << "ids wrap past 0";
+    cycle();
+    EXPECT_TRUE(remove(a));
+    EXPECT_NE(set(READ, past, p.ours), 0u); // lost to the removal waiting on the same socket
+    EXPECT_NE(set(WRITE, 0, q.ours), 0u);   // changes b
+    cycle();
+    EXPECT_EQ(take(), Calls(1, {REMOVE, a}));
+    ASSERT_EQ(len(net.tasks), 1u);
+    EXPECT_EQ(len(net.poll.entries), 1u);
+    const tn_net_task *t = tn_net_task_array_get_end(&net.tasks);
+    EXPECT_EQ(t->kind, WRITE);
+    EXPECT_EQ(t->id, b) << "the second id never stands in the table";
+    ASSERT_NE(set(IDLE, past, p.ours), 0u);
+    ASSERT_TRUE(modify(b, IDLE, past));
+    (void)::send(p.peer, "x", 1, 0);
+    cycle();     // takes the requests' own wake-up
+    cycle(1000); // then waits
+    EXPECT_EQ(take(), Calls(1, {IDLE, b})) << "only b, made idle, kept its poll entry; neither timed out";
 }
 // A removal asked for from another thread (row 0) or from a callback of the cycle (row 1) ends the wait at once,
 // not at the end of its 100 ms slice; row 2 asks nothing, so its wait runs out.
 TEST_F(Net, RequestEndsTheWaitAtOnce)
 {
     Pair p;
-    for (int row = 0; row < 3; ++row, clear()) {
-        const tn_uint32 id = set(READ, row ? past : 0, p.ours);
+    enum { FROM_THREAD, FROM_CALLBACK, NOTHING };
+    for (int row : {FROM_THREAD, FROM_CALLBACK, NOTHING}) {
+        SCOPED_TRACE(testing::Message() << "row " << row);
+        const tn_uint32 id = set(READ, row == FROM_THREAD ? 0 : past, p.ours);
         steady_clock::time_point asked = steady_clock::now(), back{};
-        auto ask = [&] { asked = steady_clock::now(), remove(id); };
-        if (cycle(), row == 1) hook = [&](tn_net_task *) { ask(); }; // the first cycle takes the set's own wake-up
-        std::thread loop([&] { EXPECT_TRUE(tn_net_process(&net, row < 2 ? 5000 : 200)); back = steady_clock::now(); });
-        if (row == 0) std::this_thread::sleep_for(milliseconds(30)), ask();
+        auto ask = [&] {
+            asked = steady_clock::now();
+            remove(id);
+        };
+        cycle(); // takes the set's own wake-up
+        if (row == FROM_CALLBACK) hook = [&](tn_net_task *) { ask(); };
+        std::thread loop([&] {
+            EXPECT_TRUE(tn_net_process(&net, row == NOTHING ? 200 : 5000));
+            back = steady_clock::now();
+        });
+        if (row == FROM_THREAD) {
+            std::this_thread::sleep_for(milliseconds(30));
+            ask();
+        }
         loop.join();
-        EXPECT_TRUE(row < 2 ? back - asked < milliseconds(50) : back - asked >= milliseconds(190))
-            << "row " << row << ": " << duration<double>(back - asked).count() << " s";
+        const auto waited = back - asked;
+        if (row == NOTHING) {
+            EXPECT_GE(waited, milliseconds(190));
+        } else {
+            EXPECT_LT(waited, milliseconds(50)) << duration<double>(waited).count() << " s";
+        }
+        clear();
     }
-    EXPECT_EQ(len(net.tasks) + len(net.pending) + len(net.poll.entries), 0u) << "a reset left something";
+    EXPECT_EQ(len(net.tasks), 0u) << "a reset left a task";
+    EXPECT_EQ(len(net.pending), 0u) << "a reset left a request";
+    EXPECT_EQ(len(net.poll.entries), 0u) << "a reset left a poll entry";
 }
 // Nine tasks outgrow the room made at init; a failed append must not spoil later cycles: every task that an
 // earlier cycle timed out and did not remove is called again. Ids start at 1.
@@ -130,17 +215,22 @@ TEST_F(Net, InitAndCycleUnderFailingAllocations)
     };
     tn_test::sweep_alloc_failures([&] {
         tn_net n;
-        if (take(), held.clear(), !tn_net_init(&n)) return false;
+        take();
+        held.clear();
+        if (!tn_net_init(&n)) return false;
         bool ok = true;
-        for (const auto &p : pairs) ok &= set(READ, past, p.ours, &n) != 0;
-        ok &= tn_net_process(&n, 0) && calls().size() == pairs.size();
-        ok &= tn_net_remove_net_task(&n, 1) && tn_net_process(&n, 0) && seen.at(0).kind == REMOVE;
-        const std::set<tn_uint32> expected = (calls(), held);
+        for (const auto &p : pairs) ok = set(READ, past, p.ours, &n) != 0 && ok;
+        ok = tn_net_process(&n, 0) && calls().size() == pairs.size() && ok; // all time out
+        ok = tn_net_remove_net_task(&n, 1) && tn_net_process(&n, 0) && ok;
+        ok = !seen.empty() && seen[0].kind == REMOVE && ok;
+        calls();
+        const std::set<tn_uint32> expected = held;
         EXPECT_TRUE(tn_net_process(&n, 0));
         std::set<tn_uint32> called;
         for (const auto &c : take()) called.insert(c.second);
         EXPECT_EQ(called, expected) << "a cycle after a failed one skipped tasks";
-        return tn_net_free(&n), ok;
+        tn_net_free(&n);
+        return ok;
     });
 }
 // Four threads queue, change and remove tasks while the loop's thread cycles and resets: a reset takes the table

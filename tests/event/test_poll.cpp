@@ -18,45 +18,69 @@ using Pair = tn_test::SocketPair;
 using steady = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-
 struct Poll : tn_test::AllocTest {
     tn_poll p{};
-    void SetUp() override { AllocTest::SetUp(), tn_poll_create(&p); }
-    void TearDown() override { tn_poll_free(&p), AllocTest::TearDown(); }
+    void SetUp() override
+    {
+        AllocTest::SetUp();
+        tn_poll_create(&p);
+    }
+    void TearDown() override
+    {
+        tn_poll_free(&p);
+        AllocTest::TearDown();
+    }
     milliseconds check(tn_int32 timeout, tn_uint32 *count) // one check: its count, and how long it took
     {
         const auto t0 = steady::now();
         EXPECT_TRUE(tn_poll_check(&p, timeout, count));
         return std::chrono::duration_cast<milliseconds>(steady::now() - t0);
     }
-    tn_uint32 status(int s) { tn_uint32 bits = 0xDEAD; return tn_poll_get_status(&p, s, &bits) ? bits : 0xDEAD; }
+    tn_uint32 status(int s) // the last result bits, or 0xDEAD for a socket not in the set
+    {
+        tn_uint32 bits = 0xDEAD;
+        return tn_poll_get_status(&p, s, &bits) ? bits : 0xDEAD;
+    }
 };
 
 TEST_F(Poll, EntriesKeepOrderAndResultBitsAcrossSetARefusedAppendSticks)
 {
     Pair x, y, z;
-    ASSERT_TRUE(tn_poll_set(&p, x.ours, TN_POLL_READ) && tn_poll_set(&p, y.ours, TN_POLL_WRITE) && tn_poll_set(&p, z.ours, 0));
+    ASSERT_TRUE(tn_poll_set(&p, x.ours, TN_POLL_READ));
+    ASSERT_TRUE(tn_poll_set(&p, y.ours, TN_POLL_WRITE));
+    ASSERT_TRUE(tn_poll_set(&p, z.ours, 0));
     tn_uint32 count = 0, bits = 77;
     check(0, &count);
-    EXPECT_EQ(std::pair(count, status(y.ours)), std::pair(1u, TN_POLL_WRITE)) << "only y is writable as asked";
+    EXPECT_EQ(count, 1u) << "only y is ready as asked";
+    EXPECT_EQ(status(y.ours), TN_POLL_WRITE);
     ASSERT_TRUE(tn_poll_set(&p, y.ours, TN_POLL_READ)); // replaces the request, keeps the last result
-    EXPECT_EQ(std::pair(tn_array_length(&p.entries), status(y.ours)), std::pair(3u, TN_POLL_WRITE));
-    EXPECT_TRUE(tn_poll_remove(&p, x.ours) && tn_poll_remove(&p, x.ours)) << "absent: still 1";
-    EXPECT_EQ(std::tuple(tn_pollinfo_array_find(&p.entries, z.ours), tn_pollinfo_array_find(&p.entries, x.ours),
-                         tn_pollinfo_array_get_end(&p.entries)->socket), std::tuple(1u, 2u, z.ours));
-    EXPECT_TRUE(!tn_poll_get_status(&p, x.ours, &bits) && bits == 77) << bits;
+    EXPECT_EQ(tn_array_length(&p.entries), 3u);
+    EXPECT_EQ(status(y.ours), TN_POLL_WRITE);
+    EXPECT_TRUE(tn_poll_remove(&p, x.ours));
+    EXPECT_TRUE(tn_poll_remove(&p, x.ours)) << "absent: still 1";
+    EXPECT_EQ(tn_pollinfo_array_find(&p.entries, z.ours), 1u) << "the order stays";
+    EXPECT_EQ(tn_pollinfo_array_find(&p.entries, x.ours), 2u);
+    EXPECT_EQ(tn_pollinfo_array_get_end(&p.entries)->socket, z.ours);
+    EXPECT_FALSE(tn_poll_get_status(&p, x.ours, &bits));
+    EXPECT_EQ(bits, 77u) << "a miss leaves the bits alone";
     tn_poll_cancel(&p);
-    EXPECT_TRUE(tn_poll_reset(&p) && tn_array_length(&p.entries) == 0 && !tn_poll_is_canceled(&p));
-    tn_poll_free(&p), tn_poll_create(&p), tn_test::fail_nth_allocation(1); // fails the entries until tn_poll_free
+    EXPECT_TRUE(tn_poll_reset(&p));
+    EXPECT_EQ(tn_array_length(&p.entries), 0u);
+    EXPECT_FALSE(tn_poll_is_canceled(&p)) << "reset clears the cancel";
+    tn_poll_free(&p);
+    tn_poll_create(&p);
+    tn_test::fail_nth_allocation(1); // fails the entries until tn_poll_free
     EXPECT_FALSE(tn_poll_set(&p, x.ours, TN_POLL_READ));
-    EXPECT_FALSE((tn_poll_reset(&p), tn_poll_set(&p, x.ours, TN_POLL_READ))) << "reset cleared a refused append";
+    tn_poll_reset(&p);
+    EXPECT_FALSE(tn_poll_set(&p, x.ours, TN_POLL_READ)) << "reset cleared a refused append";
 }
 
 TEST_F(Poll, TimeOutsAndPendingCancel)
 {
     tn_uint32 count = 99;
     EXPECT_GE(check(250, &count), milliseconds(245)) << "an empty set sleeps, slice by slice";
-    EXPECT_TRUE(count == 0 && check(0, &count) < milliseconds(50)) << count;
+    EXPECT_EQ(count, 0u);
+    EXPECT_LT(check(0, &count), milliseconds(50));
     Pair x;
     x.send_byte();
     ASSERT_TRUE(tn_poll_set(&p, x.ours, TN_POLL_READ));
@@ -66,7 +90,9 @@ TEST_F(Poll, TimeOutsAndPendingCancel)
     // A cancel made before a check ends it at once, looking at nothing (the old result stays); the next one waits.
     tn_poll_cancel(&p);
     EXPECT_LT(check(5000, &count), milliseconds(50));
-    EXPECT_TRUE(count == 0 && status(x.ours) == TN_POLL_READ && !tn_poll_is_canceled(&p)) << count;
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(status(x.ours), TN_POLL_READ) << "the old result stays";
+    EXPECT_FALSE(tn_poll_is_canceled(&p)) << "the check consumed the cancel";
     EXPECT_GE(check(120, &count), milliseconds(115));
     EXPECT_EQ(status(x.ours), 0u);
 }
@@ -78,18 +104,23 @@ TEST_F(Poll, CancelFromAnotherThreadWakesTheWaitAtOnce)
     Pair idle;
     for (int with_socket = 0; with_socket < 2; ++with_socket) {
         SCOPED_TRACE(with_socket ? "one idle socket" : "empty set");
-        ASSERT_TRUE(!with_socket || tn_poll_set(&p, idle.ours, TN_POLL_READ));
+        if (with_socket) {
+            ASSERT_TRUE(tn_poll_set(&p, idle.ours, TN_POLL_READ));
+        }
         double worst = 0;
         for (int round = 0; round < 10; ++round) {
             std::atomic<bool> waiting{false};
             steady::time_point sent{};
             std::thread canceller([&] {
                 while (!waiting) std::this_thread::yield();
-                std::this_thread::sleep_for(milliseconds(20 + 7 * round)), sent = steady::now(), tn_poll_cancel(&p);
+                std::this_thread::sleep_for(milliseconds(20 + 7 * round));
+                sent = steady::now();
+                tn_poll_cancel(&p);
             });
             tn_uint32 count = 5;
             waiting = true;
-            EXPECT_TRUE(tn_poll_check(&p, -1, &count) && count == 0) << count;
+            EXPECT_TRUE(tn_poll_check(&p, -1, &count));
+            EXPECT_EQ(count, 0u);
             const auto back = steady::now();
             canceller.join();
             worst = std::max(worst, std::chrono::duration<double, std::milli>(back - sent).count());
@@ -108,18 +139,26 @@ TEST_F(Poll, HammeringCancelsLoseNoWakeUpAndLeaveNoneThatShortensATimeOut)
     std::atomic<bool> stop{false};
     std::vector<std::thread> cancellers;
     for (int t = 0; t < 3; ++t)
-        cancellers.emplace_back([&] { while (!stop) tn_poll_cancel(&p), std::this_thread::yield(); });
+        cancellers.emplace_back([&] {
+            while (!stop) {
+                tn_poll_cancel(&p);
+                std::this_thread::yield();
+            }
+        });
     tn_uint32 count = 7;
     int waits = 0;
-    for (auto end = steady::now() + milliseconds(400); steady::now() < end && !HasFailure(); ++waits)
-        EXPECT_TRUE(tn_poll_check(&p, -1, &count) && count == 0) << "wait " << waits;
+    for (auto end = steady::now() + milliseconds(400); steady::now() < end && !HasFailure(); ++waits) {
+        EXPECT_TRUE(tn_poll_check(&p, -1, &count)) << "wait " << waits;
+        EXPECT_EQ(count, 0u) << "wait " << waits;
+    }
     stop = true;
     for (auto &t : cancellers) t.join();
     EXPECT_GT(waits, 10);
     stop = false;
     std::thread spinner([&] { while (!stop) tn_poll_cancel(&p); });
     for (int i = 0; i < 2000; ++i) tn_poll_check(&p, 1, &count);
-    stop = true, spinner.join();
+    stop = true;
+    spinner.join();
     check(0, &count); // consumes a last pending cancel
     for (int i = 0; i < 3; ++i) EXPECT_GE(check(150, &count), milliseconds(145));
 }
@@ -128,18 +167,24 @@ TEST_F(Poll, WaitsSeeDataOrderlyCloseAndDeadlines)
 {
     Pair x;
     ASSERT_TRUE(tn_poll_set(&p, x.ours, TN_POLL_WRITE)); // replaced by the wait, and removed after it
-    EXPECT_TRUE(!tn_poll_wait_read(&p, x.ours, 30) && tn_array_length(&p.entries) == 0);
+    EXPECT_FALSE(tn_poll_wait_read(&p, x.ours, 30));
+    EXPECT_EQ(tn_array_length(&p.entries), 0u);
     x.send_byte();
     EXPECT_TRUE(tn_poll_wait_read(&p, x.ours, 1000));
     char c;
     ASSERT_EQ(read(x.ours, &c, 1), 1);
-    tn_time now, soon, none = 0;
-    tn_time_msec(&now), soon = now + 5000;
+    tn_time now, none = 0;
+    tn_time_msec(&now);
+    const tn_time soon = now + 5000;
     tn_poll_cancel(&p); // a deadline that has come touches neither the set nor the flag
-    EXPECT_TRUE(!tn_poll_wait_read_abs(&p, x.ours, &now) && tn_poll_is_canceled(&p));
+    EXPECT_FALSE(tn_poll_wait_read_abs(&p, x.ours, &now));
+    EXPECT_TRUE(tn_poll_is_canceled(&p));
     tn_poll_reset(&p);
     EXPECT_TRUE(tn_poll_wait_write_abs(&p, x.ours, &soon));
-    std::thread canceller([&] { std::this_thread::sleep_for(milliseconds(150)), tn_poll_cancel(&p); });
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(milliseconds(150));
+        tn_poll_cancel(&p);
+    });
     const auto t0 = steady::now();
     EXPECT_FALSE(tn_poll_wait_read_abs(&p, x.ours, &none)) << "deadline 0 waits without limit, until a cancel";
     EXPECT_GE(steady::now() - t0, milliseconds(140));
@@ -158,10 +203,11 @@ TEST_F(Poll, ErrorsAreWatchedWithoutBeingAsked)
 {
     int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
-    addr.sin_family = AF_INET, addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
-    ASSERT_TRUE(!bind(listener, reinterpret_cast<sockaddr *>(&addr), len) &&
-                !getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len));
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), len), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len), 0);
     close(listener);
     tn_uint32 count = 0;
     for (tn_uint32 requested : {0u, unsigned{TN_POLL_WRITE}}) {
@@ -170,13 +216,16 @@ TEST_F(Poll, ErrorsAreWatchedWithoutBeingAsked)
         connect(s, reinterpret_cast<sockaddr *>(&addr), len);
         ASSERT_TRUE(tn_poll_set(&p, s, requested));
         check(2000, &count);
-        EXPECT_TRUE(count == 1 && (status(s) & TN_POLL_ERROR)) << count;
-        EXPECT_FALSE((tn_poll_remove(&p, s), tn_poll_wait_write(&p, s, 1000)));
+        EXPECT_EQ(count, 1u);
+        EXPECT_TRUE(status(s) & TN_POLL_ERROR) << status(s);
+        tn_poll_remove(&p, s);
+        EXPECT_FALSE(tn_poll_wait_write(&p, s, 1000));
         close(s);
     }
     ASSERT_TRUE(tn_poll_set(&p, -1, TN_POLL_READ));
     EXPECT_LT(check(3000, &count), milliseconds(1000));
-    EXPECT_EQ(std::pair(count, status(-1)), std::pair(1u, TN_POLL_ERROR));
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(status(-1), TN_POLL_ERROR);
 }
 
 // Beyond 64 entries the wait keeps a descriptor list of its own: there is no limit, a list that cannot be had
@@ -186,16 +235,26 @@ TEST_F(Poll, LargeSetsHaveNoSixtyFourLimitFailCleanlyAndWaitWithoutAllocating)
     std::vector<Pair> pairs(150);
     tn_uint32 count = 0;
     for (int i = 0; i < 150; ++i) { // the first 64 are writable, and checked before the set outgrows 64
-        if (i == 64) { EXPECT_TRUE((check(0, &count), count == 64 && status(pairs[0].ours) == TN_POLL_WRITE)) << count; }
+        if (i == 64) {
+            check(0, &count);
+            EXPECT_EQ(count, 64u);
+            EXPECT_EQ(status(pairs[0].ours), TN_POLL_WRITE);
+        }
         ASSERT_TRUE(tn_poll_set(&p, pairs[i].ours, i < 64 ? TN_POLL_WRITE : TN_POLL_READ));
     }
-    pairs.back().send_byte(), pairs[64].send_byte();
+    pairs.back().send_byte();
+    pairs[64].send_byte();
     tn_test::fail_nth_allocation(1);
-    EXPECT_TRUE(!tn_poll_check(&p, 0, &count) && count == 0 && status(pairs[0].ours) == 0) << count;
+    EXPECT_FALSE(tn_poll_check(&p, 0, &count));
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(status(pairs[0].ours), 0u) << "every result cleared";
     tn_test::fail_nth_allocation(0);
     check(1000, &count);
-    EXPECT_EQ(std::tuple(count, status(pairs[0].ours), status(pairs[64].ours), status(pairs[65].ours), status(pairs.back().ours)),
-              std::tuple(66u, TN_POLL_WRITE, TN_POLL_READ, 0u, TN_POLL_READ));
+    EXPECT_EQ(count, 66u);
+    EXPECT_EQ(status(pairs[0].ours), TN_POLL_WRITE);
+    EXPECT_EQ(status(pairs[64].ours), TN_POLL_READ);
+    EXPECT_EQ(status(pairs[65].ours), 0u);
+    EXPECT_EQ(status(pairs.back().ours), TN_POLL_READ);
     tn_test::reset_counts();
     for (int i = 0; i < 20; ++i) check(0, &count);
     EXPECT_EQ(tn_test::allocations(), 0) << "a steady-state wait allocated";

@@ -87,16 +87,17 @@ TEST(InputBuffer, LinesBytesAndCopiesAgreeWithTheModelForEveryStorageAndChunking
                 tn_uchar line[64];
                 while (tn_input_buffer_read_line(&r.b, line, sizeof line)) lines.push_back(s(line));
                 ASSERT_TRUE(r.sound());
-                ASSERT_EQ(lines, model_lines(text));
+                ASSERT_EQ(lines, model_lines(text)) << "read_line";
                 std::string bytes;
                 tn_uint32 n = 0;
                 while (tn_input_buffer_read(&all.b, line, 1 + bytes.size() % 5, &n) && n)
                     bytes.append(reinterpret_cast<char *>(line), n);
                 ASSERT_TRUE(all.sound());
-                ASSERT_EQ(bytes, text);
+                ASSERT_EQ(bytes, text) << "read";
                 Writer w(length);
-                ASSERT_TRUE(tn_output_buffer_copy(&copied.b, &w.b) && tn_output_buffer_flush(&w.b));
-                ASSERT_EQ(w.data, text);
+                ASSERT_TRUE(tn_output_buffer_copy(&copied.b, &w.b));
+                ASSERT_TRUE(tn_output_buffer_flush(&w.b));
+                ASSERT_EQ(w.data, text) << "copied";
             }
         }
     }
@@ -107,10 +108,14 @@ TEST(InputBuffer, LinesBytesAndCopiesAgreeWithTheModelForEveryStorageAndChunking
 TEST(InputBuffer, ListedLineAndTokenCases)
 {
     const struct { std::string text; tn_uint32 size; const char *delimiters; std::vector<std::string> got; } cases[] = {
-        {"text\r\n\r\n", 8, nullptr, {"text", ""}}, {std::string("ab\0cd", 5), 8, nullptr, {"ab", "cd"}},
-        {"1234567\nx", 7, nullptr, {"!", "x"}}, {"123456\r\nx", 8, nullptr, {"123456", "x"}},
-        {"123456\r\nx", 7, nullptr, {"!", "x"}}, {"  word\t\tsecond", 8, " \t", {"word", "second"}},
-        {"abcdefgh z", 8, " ", {"!", "z"}}, {"abcdefg z", 8, " ", {"abcdefg", "z"}},
+        {"text\r\n\r\n", 8, nullptr, {"text", ""}},
+        {std::string("ab\0cd", 5), 8, nullptr, {"ab", "cd"}},
+        {"1234567\nx", 7, nullptr, {"!", "x"}},
+        {"123456\r\nx", 8, nullptr, {"123456", "x"}},
+        {"123456\r\nx", 7, nullptr, {"!", "x"}},
+        {"  word\t\tsecond", 8, " \t", {"word", "second"}},
+        {"abcdefgh z", 8, " ", {"!", "z"}},
+        {"abcdefg z", 8, " ", {"abcdefg", "z"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
@@ -118,13 +123,17 @@ TEST(InputBuffer, ListedLineAndTokenCases)
         tn_str_input_buffer_init2(&b, c.text.data(), static_cast<tn_uint32>(c.text.size()));
         tn_uchar out[8];
         std::vector<std::string> got; // "!" for a failure
-        for (int i = 0; i < 5 && tn_input_buffer_available(&b); ++i)
-            got.push_back((c.delimiters ? tn_input_buffer_read_token(&b, out, c.size, u(c.delimiters))
-                                        : tn_input_buffer_read_line(&b, out, c.size)) ? s(out) : "!");
+        for (int i = 0; i < 5 && tn_input_buffer_available(&b); ++i) {
+            const bool ok = c.delimiters ? tn_input_buffer_read_token(&b, out, c.size, u(c.delimiters))
+                                         : tn_input_buffer_read_line(&b, out, c.size);
+            got.push_back(ok ? s(out) : "!");
+        }
         EXPECT_EQ(got, c.got);
-        EXPECT_FALSE(tn_input_buffer_read_line(&b, nullptr, 8) || tn_input_buffer_read_token(&b, out, 8, u(" ")));
+        EXPECT_FALSE(tn_input_buffer_read_line(&b, nullptr, 8)) << "at the end";
+        EXPECT_FALSE(tn_input_buffer_read_token(&b, out, 8, u(" "))) << "at the end";
         out[0] = 'x';
-        EXPECT_TRUE(!tn_input_buffer_read_line(&b, out, 0) && out[0] == 0) << "size 0 fails, but terminates first";
+        EXPECT_FALSE(tn_input_buffer_read_line(&b, out, 0));
+        EXPECT_EQ(out[0], 0) << "size 0 fails, but terminates first";
     }
 }
 
@@ -133,47 +142,71 @@ TEST(InputBuffer, ReadFillSkipAndPoolKeepTheirBoundaries)
     Reader r("abcdefghij", 4, {3});
     tn_uint32 n = 99;
     char out[16];
-    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 0, &n) && n == 0);
+    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 0, &n));
+    EXPECT_EQ(n, 0u);
     EXPECT_EQ(tn_input_buffer_available(&r.b), 3u) << "a read of 0 still refills, and the bytes stay held";
-    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 16, &n) && n == 3 && r.calls == 1) << "held bytes come without a call";
-    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 4, &n) && std::string(out, n) == "def");
-    EXPECT_TRUE(tn_input_buffer_fill(&r.b, out, 4) && std::string(out, 4) == "ghij");
-    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 1, &n) && n == 0);
-    EXPECT_TRUE(!tn_input_buffer_fill(&r.b, out, 1) && tn_input_buffer_fill(&r.b, out, 0));
-    EXPECT_TRUE(tn_input_buffer_skip(&r.b, 0) && !tn_input_buffer_skip(&r.b, 1) && r.sound());
+    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 16, &n));
+    EXPECT_EQ(n, 3u) << "held bytes come without a call";
+    EXPECT_EQ(r.calls, 1u);
+    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 4, &n));
+    EXPECT_EQ(std::string(out, n), "def");
+    EXPECT_TRUE(tn_input_buffer_fill(&r.b, out, 4)) << "over a storage of 4 and chunks of 3";
+    EXPECT_EQ(std::string(out, 4), "ghij");
+    EXPECT_TRUE(tn_input_buffer_read(&r.b, out, 1, &n));
+    EXPECT_EQ(n, 0u) << "the end";
+    EXPECT_FALSE(tn_input_buffer_fill(&r.b, out, 1));
+    EXPECT_TRUE(tn_input_buffer_fill(&r.b, out, 0));
+    EXPECT_TRUE(tn_input_buffer_skip(&r.b, 0));
+    EXPECT_FALSE(tn_input_buffer_skip(&r.b, 1));
+    EXPECT_TRUE(r.sound());
 
     // Pooling adds behind the held bytes, and keeps them when the source fails.
     Reader p("abcdefgh", 8, {3});
     tn_uint32 held = 0;
-    EXPECT_TRUE(tn_input_buffer_skip(&p.b, 1) && tn_input_buffer_pool(&p.b, &held) && held == 5 && p.held() == "bcdef");
+    EXPECT_TRUE(tn_input_buffer_skip(&p.b, 1));
+    EXPECT_TRUE(tn_input_buffer_pool(&p.b, &held));
+    EXPECT_EQ(held, 5u);
+    EXPECT_EQ(p.held(), "bcdef");
     p.fail_at = p.calls + 1;
-    EXPECT_TRUE(!tn_input_buffer_pool(&p.b, &held) && held == 5 && p.held() == "bcdef") << held;
-    EXPECT_TRUE(tn_input_buffer_pool(&p.b, nullptr) && p.held() == "bcdefgh");
-    EXPECT_TRUE(tn_input_buffer_pool(&p.b, &held) && held == 7) << "the end adds nothing, and is no failure";
+    EXPECT_FALSE(tn_input_buffer_pool(&p.b, &held));
+    EXPECT_EQ(held, 5u);
+    EXPECT_EQ(p.held(), "bcdef") << "a failed pool lost the held bytes";
+    EXPECT_TRUE(tn_input_buffer_pool(&p.b, nullptr));
+    EXPECT_EQ(p.held(), "bcdefgh");
+    EXPECT_TRUE(tn_input_buffer_pool(&p.b, &held)) << "the end adds nothing, and is no failure";
+    EXPECT_EQ(held, 7u);
 
     // A string's bytes (here a literal's) are read only: pooling must not write to them.
     tn_input_buffer b;
     tn_str_input_buffer_init(&b, u("read-only"));
-    EXPECT_TRUE(tn_input_buffer_skip(&b, 5) && tn_input_buffer_pool(&b, &held) && held == 4) << held;
+    EXPECT_TRUE(tn_input_buffer_skip(&b, 5));
+    EXPECT_TRUE(tn_input_buffer_pool(&b, &held));
+    EXPECT_EQ(held, 4u);
 }
 
 TEST(OutputBuffer, WritesHandOverTheListedPiecesAndFailedFlushesKeepTheirBytes)
 {
     const std::string source(20000, 'x');
     const struct { tn_uint32 held; bool align; tn_uint32 n; std::vector<tn_uint32> pieces; tn_uint32 used; } cases[] = {
-        {10, false, 246, {10}, 246},          {0, false, 256, {256}, 0},
-        {0, true, 256, {}, 256},              {0, false, 20000, {8192, 8192, 3616}, 0},
-        {0, false, 16500, {8192, 8192}, 116}, {0, true, 600, {256, 256}, 88},
-        {0, false, 255, {}, 255},             {10, false, 245, {}, 255},
+        {10, false, 246, {10}, 246},
+        {0, false, 256, {256}, 0},
+        {0, true, 256, {}, 256},
+        {0, false, 20000, {8192, 8192, 3616}, 0},
+        {0, false, 16500, {8192, 8192}, 116},
+        {0, true, 600, {256, 256}, 88},
+        {0, false, 255, {}, 255},
+        {10, false, 245, {}, 255},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(::testing::Message() << c.held << " held, " << (c.align ? "align " : "plain ") << c.n);
         Writer w(256);
-        EXPECT_TRUE(tn_output_buffer_write(&w.b, source.data(), c.held) &&
-                    (c.align ? tn_output_buffer_write_align : tn_output_buffer_write)(&w.b, source.data(), c.n));
+        ASSERT_TRUE(tn_output_buffer_write(&w.b, source.data(), c.held));
+        EXPECT_TRUE((c.align ? tn_output_buffer_write_align : tn_output_buffer_write)(&w.b, source.data(), c.n));
         EXPECT_EQ(w.pieces, c.pieces);
         EXPECT_EQ(tn_output_buffer_used(&w.b), c.used);
-        EXPECT_TRUE(tn_output_buffer_flush(&w.b) && tn_output_buffer_used(&w.b) == 0 && w.data.size() == c.held + c.n);
+        EXPECT_TRUE(tn_output_buffer_flush(&w.b));
+        EXPECT_EQ(tn_output_buffer_used(&w.b), 0u);
+        EXPECT_EQ(w.data.size(), c.held + c.n);
     }
 
     // A failed flush keeps the held bytes; an empty storage passes plain
@@ -181,11 +214,15 @@ TEST(OutputBuffer, WritesHandOverTheListedPiecesAndFailedFlushesKeepTheirBytes)
     Writer w(16);
     EXPECT_TRUE(tn_output_buffer_writes(&w.b, u("held")));
     w.fail_at = 1;
-    EXPECT_TRUE(!tn_output_buffer_write(&w.b, "0123456789abcdef", 16) && tn_output_buffer_used(&w.b) == 4);
-    EXPECT_TRUE(tn_output_buffer_flush(&w.b) && w.data == "held");
-    EXPECT_TRUE(tn_output_buffer_flush(&w.b) && w.calls == 2) << "nothing held, no call";
+    EXPECT_FALSE(tn_output_buffer_write(&w.b, "0123456789abcdef", 16));
+    EXPECT_EQ(tn_output_buffer_used(&w.b), 4u) << "a failed flush keeps the held bytes";
+    EXPECT_TRUE(tn_output_buffer_flush(&w.b));
+    EXPECT_EQ(w.data, "held");
+    EXPECT_TRUE(tn_output_buffer_flush(&w.b));
+    EXPECT_EQ(w.calls, 2u) << "nothing held, no call";
     tn_output_buffer_init(&w.b, nullptr, 0, Writer::write, &w);
-    EXPECT_TRUE(tn_output_buffer_write(&w.b, "abc", 3) && tn_output_buffer_write(&w.b, "", 0));
+    EXPECT_TRUE(tn_output_buffer_write(&w.b, "abc", 3));
+    EXPECT_TRUE(tn_output_buffer_write(&w.b, "", 0));
     EXPECT_FALSE(tn_output_buffer_write_align(&w.b, "abc", 3));
     EXPECT_EQ(w.data, "heldabc");
 }

@@ -23,7 +23,6 @@ using Pair = tn_test::SocketPair;
 using std::chrono::milliseconds;
 
 // A connected TCP pair on loopback; the library's end is non-blocking.
-
 class SocketBuffer : public ::testing::Test {
 protected:
     Pair pair{Pair::kind::tcp};
@@ -31,7 +30,11 @@ protected:
     tn_uchar storage[4096];
     tn_elapse watch;
     const std::vector<char> block = std::vector<char>(64 << 20, 'x'); // more than any socket holds
-    void SetUp() override { ASSERT_TRUE(pair.ours >= 0 && tn_poll_create(&poll)); }
+    void SetUp() override
+    {
+        ASSERT_GE(pair.ours, 0);
+        ASSERT_TRUE(tn_poll_create(&poll));
+    }
     void TearDown() override { tn_poll_free(&poll); }
 };
 
@@ -52,7 +55,8 @@ TEST_F(SocketBuffer, LinesArriveInPiecesAndThePeersCloseEndsTheStream)
     writer.join();
     EXPECT_EQ(got, (std::vector<std::string>{"hello", "world and more than sixteen", "tail"}));
     tn_uint32 n = 1;
-    EXPECT_TRUE(tn_input_buffer_read(&in.buffer, line, 1, &n) && n == 0) << "the close is seen again";
+    EXPECT_TRUE(tn_input_buffer_read(&in.buffer, line, 1, &n));
+    EXPECT_EQ(n, 0u) << "the close is seen again";
 }
 
 // A read waits once for its time-out (two waits take 800 ms), 0 looks once. A call
@@ -66,11 +70,13 @@ TEST_F(SocketBuffer, AWaitEndsAtItsTimeOutOrACancel)
     tn_uint32 n;
     char c;
     for (tn_int32 timeout : {400, 0}) {
+        SCOPED_TRACE(testing::Message() << "time-out " << timeout);
         tn_socket_input_buffer_set_read_timeout(&in, timeout);
         tn_elapse_start(&watch);
         EXPECT_FALSE(tn_input_buffer_read(&in.buffer, &c, 1, &n));
         const tn_uint32 waited = tn_elapse_total(&watch);
-        EXPECT_TRUE(waited + 10 >= tn_uint32(timeout) && waited < tn_uint32(timeout) + 400) << waited;
+        EXPECT_GE(waited + 10, tn_uint32(timeout));
+        EXPECT_LT(waited, tn_uint32(timeout) + 400) << "waited more than once";
     }
     tn_socket_input_buffer_set_read_timeout(&in, -1);
     tn_poll_cancel(&poll);
@@ -78,7 +84,9 @@ TEST_F(SocketBuffer, AWaitEndsAtItsTimeOutOrACancel)
     EXPECT_FALSE(tn_input_buffer_read(&in.buffer, &c, 1, &n)) << "a byte waits";
     EXPECT_FALSE(tn_socket_output_buffer_write_op("x", 1, &out)) << "there is room for a byte";
     tn_poll_reset(&poll);
-    EXPECT_TRUE(tn_input_buffer_read(&in.buffer, &c, 1, &n) && n == 1 && c == 'x');
+    EXPECT_TRUE(tn_input_buffer_read(&in.buffer, &c, 1, &n));
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(c, 'x');
     for (bool writing : {false, true}) {
         SCOPED_TRACE(writing ? "write" : "read");
         std::thread canceller([&] {
@@ -104,10 +112,11 @@ TEST_F(SocketBuffer, PartialSendsGoOnUntilASlowPeerHasEverything)
     });
     tn_socket_output_buffer out;
     tn_socket_output_buffer_init(&out, storage, 1000, pair.ours, &poll, 5000);
-    ASSERT_TRUE(tn_output_buffer_write(&out.buffer, sent.data(), 1) && // held, then sent ahead of the rest
-                tn_output_buffer_write(&out.buffer, &sent[1], (6 << 20) - 1) && tn_output_buffer_flush(&out.buffer));
+    EXPECT_TRUE(tn_output_buffer_write(&out.buffer, sent.data(), 1)); // held, then sent ahead of the rest
+    EXPECT_TRUE(tn_output_buffer_write(&out.buffer, &sent[1], (6 << 20) - 1));
+    EXPECT_TRUE(tn_output_buffer_flush(&out.buffer));
     reader.join();
-    EXPECT_TRUE(received == sent);
+    EXPECT_TRUE(received == sent) << "the bytes arrived altered"; // not EXPECT_EQ: 6 MiB would be printed
 
     // With a peer that reads nothing, the wait's time-out fails the write.
     tn_socket_output_buffer_set_write_timeout(&out, 100);
@@ -126,16 +135,24 @@ TEST(FileBuffer, PositionsSkipsAndWholeWrites)
     tn_uchar block[4096];
     tn_file_output_buffer out;
     tn_file_output_buffer_init(&out, block, 300, fd);
-    EXPECT_TRUE(tn_output_buffer_write(&out.buffer, text.data(), 10000) && tn_output_buffer_flush(&out.buffer));
+    EXPECT_TRUE(tn_output_buffer_write(&out.buffer, text.data(), 10000));
+    EXPECT_TRUE(tn_output_buffer_flush(&out.buffer));
     lseek(fd, 0, SEEK_SET);
     tn_file_input_buffer in;
     tn_file_input_buffer_init(&in, block, sizeof block, fd);
     char ten[10];
     tn_uint64 at = 0;
-    EXPECT_TRUE(tn_input_buffer_fill(&in.buffer, ten, 10) && tn_file_input_buffer_get_pos(&in, &at) && at == 10);
-    EXPECT_TRUE(tn_file_input_buffer_skip(&in, 5000) && tn_file_input_buffer_get_pos(&in, &at) && at == 5010) << at;
-    EXPECT_TRUE(tn_input_buffer_fill(&in.buffer, ten, 1) && ten[0] == text[5010]);
-    EXPECT_TRUE(tn_file_input_buffer_skip(&in, 10000 - 5011) && !tn_file_input_buffer_skip(&in, 1)) << "end, not past";
+    EXPECT_TRUE(tn_input_buffer_fill(&in.buffer, ten, 10));
+    EXPECT_EQ(std::string(ten, 10), text.substr(0, 10));
+    EXPECT_TRUE(tn_file_input_buffer_get_pos(&in, &at));
+    EXPECT_EQ(at, 10u) << "the position of the reader, not of the file";
+    EXPECT_TRUE(tn_file_input_buffer_skip(&in, 5000));
+    EXPECT_TRUE(tn_file_input_buffer_get_pos(&in, &at));
+    EXPECT_EQ(at, 5010u);
+    EXPECT_TRUE(tn_input_buffer_fill(&in.buffer, ten, 1));
+    EXPECT_EQ(ten[0], text[5010]);
+    EXPECT_TRUE(tn_file_input_buffer_skip(&in, 10000 - 5011)) << "to the end";
+    EXPECT_FALSE(tn_file_input_buffer_skip(&in, 1)) << "past the end";
     close(fd);
 }
 

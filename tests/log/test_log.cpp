@@ -52,20 +52,36 @@ protected:
 };
 
 // One line of each level, the first two tagged "a" and "c"; and the text of the lines of the levels given.
-int each_level() { return tn_log_e("a", "1"), tn_log_w("c", "2"), tn_log_i(nullptr, "3"), tn_log_d(nullptr, "4"), 0; }
-std::string lines(const std::string &levels, std::string s = "")
-{ for (char l : levels) s += l == 'E' ? "E: a: 1\n" : l == 'W' ? "W: c: 2\n" : l == 'I' ? "I: 3\n" : "D: 4\n"; return s; }
+int each_level()
+{
+    tn_log_e("a", "1");
+    tn_log_w("c", "2");
+    tn_log_i(nullptr, "3");
+    tn_log_d(nullptr, "4");
+    return 0;
+}
+std::string lines(const std::string &levels)
+{
+    std::string s;
+    for (char l : levels) s += l == 'E' ? "E: a: 1\n" : l == 'W' ? "W: c: 2\n" : l == 'I' ? "I: 3\n" : "D: 4\n";
+    return s;
+}
 
 TEST_F(Log, SilentByDefaultOnStandardErrorAndSetLevelIsHeldToTheRange)
 {
     EXPECT_EQ(run({}, [] {
-        each_level(), tn_log_eh(nullptr, "x", 1);
-        int again = tn_log_set_path("late.log"); // the first call has set the log up
-        for (tn_int32 level : {5, -1, INT32_MIN, 3, INT32_MAX, 0}) tn_log_set_level(level), each_level();
+        each_level(); // silent: the default level is 0
+        tn_log_eh(nullptr, "x", 1);
+        const int again = tn_log_set_path("late.log"); // the first call has set the log up
+        for (tn_int32 level : {5, -1, INT32_MIN, 3, INT32_MAX, 0}) {
+            tn_log_set_level(level);
+            each_level();
+        }
         return again;
     }), 0);
-    EXPECT_EQ(file("err"), lines("EWID") + lines("EWI") + lines("EWID"));
-    EXPECT_TRUE(file("out").empty() && !exists("late.log"));
+    EXPECT_EQ(file("err"), lines("EWID") + lines("EWI") + lines("EWID")) << "silent first, then levels held to 0..4";
+    EXPECT_EQ(file("out"), "");
+    EXPECT_FALSE(exists("late.log"));
 }
 
 TEST_F(Log, EnvironmentSetsLevelStreamAndTagFilter)
@@ -73,12 +89,25 @@ TEST_F(Log, EnvironmentSetsLevelStreamAndTagFilter)
     struct Row { const char *level = nullptr, *path = nullptr, *include = nullptr, *exclude = nullptr;
                  const char *where = "err", *lines = "EW"; };
     const Row rows[] = { // the host sets level 2 before set-up
-        {}, {.level = ""}, {.level = "0", .lines = ""}, {.level = "3", .lines = "EWI"}, {.level = "9", .lines = "EWID"},
-        {.level = "abc", .lines = ""}, {.level = "2x"}, {.level = "4294967295", .lines = ""},
-        {.level = "2147483648", .lines = ""}, {.level = "2147483647", .lines = "EWID"},
-        {.path = "STDOUT", .where = "out"}, {.path = "STDERR"}, {.path = "stdout", .where = "stdout"},
-        {.path = "Stderr", .where = "Stderr"}, {.path = "log.txt", .where = "log.txt"}, {.path = "no/such/dir"},
-        {.path = ""}, {.level = "3", .include = "a,b", .lines = "EI"}, {.level = "3", .exclude = "a,b", .lines = "WI"},
+        {},
+        {.level = ""},
+        {.level = "0", .lines = ""},
+        {.level = "3", .lines = "EWI"},
+        {.level = "9", .lines = "EWID"},
+        {.level = "abc", .lines = ""},
+        {.level = "2x"},
+        {.level = "4294967295", .lines = ""},
+        {.level = "2147483648", .lines = ""},
+        {.level = "2147483647", .lines = "EWID"},
+        {.path = "STDOUT", .where = "out"},
+        {.path = "STDERR"},
+        {.path = "stdout", .where = "stdout"},
+        {.path = "Stderr", .where = "Stderr"},
+        {.path = "log.txt", .where = "log.txt"},
+        {.path = "no/such/dir"},
+        {.path = ""},
+        {.level = "3", .include = "a,b", .lines = "EI"},
+        {.level = "3", .exclude = "a,b", .lines = "WI"},
         {.level = "3", .include = "a", .exclude = "c", .lines = "EWI"}, // both set: no filter
         {.level = "3", .include = "", .exclude = "a", .lines = "WI"},   // an empty one counts as unset
         {.level = "3", .include = "ab,a\\,c", .lines = "I"},           // exact matches only, escapes undone
@@ -88,9 +117,14 @@ TEST_F(Log, EnvironmentSetsLevelStreamAndTagFilter)
                          {"TN_LOG_EXCLUDE", r.exclude}};
         SCOPED_TRACE(testing::PrintToString(env));
         std::ofstream(dir / "log.txt") << "old content\n"; // a file starts empty
-        EXPECT_EQ(run(env, [] { return tn_log_set_level(2), each_level(); }), 0);
+        const int status = run(env, [] {
+            tn_log_set_level(2);
+            return each_level();
+        });
+        EXPECT_EQ(status, 0);
         EXPECT_EQ(file(r.where), lines(r.lines));
-        EXPECT_EQ(file("out") + file("err"), *r.where == 'o' || *r.where == 'e' ? lines(r.lines) : "");
+        const bool standard = std::string(r.where) == "out" || std::string(r.where) == "err";
+        EXPECT_EQ(file("out") + file("err"), standard ? lines(r.lines) : "") << "written elsewhere too";
     }
 }
 
@@ -98,9 +132,18 @@ TEST_F(Log, SetPathWorksOnceAndOnlyBeforeTheFirstLine)
 {
     const Env env = {{"TN_LOG_LEVEL", "1"}, {"TN_LOG_PATH", "env.log"}};
     for (const char *first : {"a.log", static_cast<const char *>(nullptr)}) { // null leaves it to TN_LOG_PATH
-        auto body = [&] { int a = tn_log_set_path(first), b = tn_log_set_path("b.log"); return a * 10 + b; };
-        EXPECT_EQ(run(env, [&] { int r = body(); return tn_log_e(nullptr, "m"), r; }), 10);
-        EXPECT_TRUE(file(first ? first : "env.log") == "E: m\n" && !exists("b.log") && (!first || !exists("env.log")));
+        SCOPED_TRACE(first ? first : "(null)");
+        const int results = run(env, [&] {
+            const int a = tn_log_set_path(first), b = tn_log_set_path("b.log");
+            tn_log_e(nullptr, "m");
+            return a * 10 + b;
+        });
+        EXPECT_EQ(results, 10) << "the first set_path succeeds, the second fails";
+        EXPECT_EQ(file(first ? first : "env.log"), "E: m\n");
+        EXPECT_FALSE(exists("b.log"));
+        if (first) {
+            EXPECT_FALSE(exists("env.log")) << "the path set beats the variable";
+        }
     }
 }
 
@@ -110,11 +153,18 @@ TEST_F(Log, LinesAreByteExact)
     tn_time_msec(&before);
     ASSERT_EQ(run({{"TN_LOG_LEVEL", "4"}, {"TN_LOG_PATH", "log"}}, [] {
         const char *bytes = "\x01\x10\x1f\x2e\x3d\x4c\x5b\x6a\x79\x88\x97\xa6\xb5\xc4\xd3\xe2\xf1";
-        tn_log_d("t", "100% %s %n"), tn_log_wv("tn_mcast", "join: %u", 1u);
+        tn_log_d("t", "100% %s %n"); // not a format
+        tn_log_wv("tn_mcast", "join: %u", 1u);
         tn_log_iv(nullptr, "%s|%d", std::string(3000, 'x').c_str(), -7); // longer than any line buffer
-        tn_log_e(std::string(700, 'g').c_str(), "long tag"), tn_log_en("n", "a\0b%", 4), tn_log_dn(nullptr, "", 0);
-        tn_log_dh("h", bytes, 0), tn_log_ih(nullptr, bytes, 16), tn_log_wh("h", bytes, 17);
-        return tn_log_dt("t", "m"), tn_log_evt(nullptr, "%d%%", 5), 0;
+        tn_log_e(std::string(700, 'g').c_str(), "long tag");
+        tn_log_en("n", "a\0b%", 4);
+        tn_log_dn(nullptr, "", 0);
+        tn_log_dh("h", bytes, 0);
+        tn_log_ih(nullptr, bytes, 16);
+        tn_log_wh("h", bytes, 17);
+        tn_log_dt("t", "m");
+        tn_log_evt(nullptr, "%d%%", 5);
+        return 0;
     }), 0);
     tn_time_msec(&after);
     const std::string row = " 01 10 1f 2e 3d 4c 5b 6a 79 88 97 a6 b5 c4 d3 e2", log = file("log");
@@ -125,23 +175,34 @@ TEST_F(Log, LinesAreByteExact)
     long long stamp[2] = {-1, -1}; // the timed forms: the clock in front
     EXPECT_EQ(std::sscanf(log.c_str() + std::min(fixed.size(), log.size()), "%lld D: t: m\n%lld", &stamp[0], &stamp[1]), 2);
     EXPECT_EQ(log, fixed + std::to_string(stamp[0]) + " D: t: m\n" + std::to_string(stamp[1]) + " E: 5%\n");
-    for (long long t : stamp) EXPECT_TRUE(before <= t && t <= after) << t << " not in [" << before << ", " << after << "]";
+    for (long long t : stamp) {
+        EXPECT_GE(t, before);
+        EXPECT_LE(t, after);
+    }
 }
 
 TEST_F(Log, FailedSetUpDropsTheLineAndRetriesAndNoCallAllocates)
 {
     EXPECT_EQ(run({{"TN_LOG_LEVEL", "4"}, {"TN_LOG_PATH", "log"}}, [] {
-        tn_test::install_counting_hooks(), tn_test::fail_nth_allocation(1); // the mutex
-        if (tn_log_e(nullptr, "lost"), !tn_test::failure_fired()) return 1;
-        tn_log_e(nullptr, "kept"), tn_test::reset_counts();
-        tn_log_dt("t", "a"), tn_log_iv("t", "%d", 1), tn_log_wn("t", "b", 1), tn_log_eh("t", "c", 1);
+        tn_test::install_counting_hooks();
+        tn_test::fail_nth_allocation(1); // the mutex
+        tn_log_e(nullptr, "lost");
+        if (!tn_test::failure_fired()) return 1;
+        tn_log_e(nullptr, "kept");
+        tn_test::reset_counts();
+        tn_log_dt("t", "a");
+        tn_log_iv("t", "%d", 1);
+        tn_log_wn("t", "b", 1);
+        tn_log_eh("t", "c", 1);
         return tn_test::allocations() == 0 ? 0 : 2;
-    }), 0);
+    }), 0) << "1: no set-up was tried; 2: a line allocated";
     EXPECT_EQ(file("log").substr(0, 8), "E: kept\n");
     // A split that runs out of memory leaves no filter.
     EXPECT_EQ(run({{"TN_LOG_LEVEL", "1"}, {"TN_LOG_INCLUDE", "a"}}, [] {
-        tn_test::install_counting_hooks(), tn_test::fail_nth_allocation(2);
-        return tn_log_e("c", "m"), tn_test::failure_fired() ? 0 : 1;
+        tn_test::install_counting_hooks();
+        tn_test::fail_nth_allocation(2);
+        tn_log_e("c", "m");
+        return tn_test::failure_fired() ? 0 : 1;
     }), 0);
     EXPECT_EQ(file("err"), "E: c: m\n");
 }
@@ -150,14 +211,17 @@ TEST(LogEnv, GetTellsEmptyFromUnset)
 {
     setenv("TN_TEST_LOG_VARIABLE", "", 1);
     EXPECT_STREQ(tn_env_get("TN_TEST_LOG_VARIABLE"), ""); // not null, unlike the log's own reading
-    EXPECT_EQ((unsetenv("TN_TEST_LOG_VARIABLE"), tn_env_get("TN_TEST_LOG_VARIABLE")), nullptr);
+    unsetenv("TN_TEST_LOG_VARIABLE");
+    EXPECT_EQ(tn_env_get("TN_TEST_LOG_VARIABLE"), nullptr);
 }
 
 TEST_F(Log, LinesOfThreadsNeverMix)
 {
     constexpr int threads = 8, lines = 300;
     // Some bodies, and every dump's tag, outgrow the line buffer, so that they reach the stream in several writes.
-    auto body = [](int t, int i) { return std::to_string(t) + " " + std::to_string(i) + std::string(i % 7 * 150u, '.'); };
+    auto body = [](int t, int i) {
+        return std::to_string(t) + " " + std::to_string(i) + std::string(i % 7 * 150u, '.');
+    };
     auto tag = [](int t) { return "h" + std::to_string(t) + std::string(600, 'x'); };
     ASSERT_EQ(run({{"TN_LOG_LEVEL", "4"}, {"TN_LOG_PATH", "log"}}, [&] {
         tn_log_d(nullptr, "start"); // set-up on one thread, before the others log
@@ -180,15 +244,17 @@ TEST_F(Log, LinesOfThreadsNeverMix)
             if (i % 50 == 0) want.push_back("D: " + tag(t) + ": 00000000 ab\nD: " + tag(t) + ": 00000010");
         }
     std::istringstream in(file("log"));
-    for (std::string line, next; std::getline(in, line); got.push_back(line)) {
+    for (std::string line, next; std::getline(in, line);) {
         if (line.ends_with(" ab") && std::getline(in, next)) line += "\n" + next; // a dump's lines stay together
         const size_t time = line.find_first_not_of("0123456789"); // and the timed forms' clock goes
         if (time && time != line.npos && line[time] == ' ') line.erase(0, time + 1);
+        got.push_back(line);
     }
-    std::sort(want.begin(), want.end()), std::sort(got.begin(), got.end());
+    std::sort(want.begin(), want.end());
+    std::sort(got.begin(), got.end());
     auto [w, g] = std::mismatch(want.begin(), want.end(), got.begin(), got.end());
-    EXPECT_TRUE(w == want.end() && g == got.end()) << "expected " << (w == want.end() ? "(end)" : *w) << "\nfound "
-                                                   << (g == got.end() ? "(end)" : *g);
+    EXPECT_TRUE(w == want.end() && g == got.end()) // one line reported, rather than thousands
+        << "expected " << (w == want.end() ? "(end)" : *w) << "\nfound " << (g == got.end() ? "(end)" : *g);
 }
 
 } // namespace

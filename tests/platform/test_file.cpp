@@ -52,8 +52,10 @@ TEST_F(FileTest, OpenModesKeepTheirExistAndContentsRules)
     using opener = tn_bool (*)(tn_file *, const tn_uchar *);
     // after: what a file that held "old" holds after opening and closing.
     const struct { const char *name; opener open; bool opens_existing; const char *after; bool creates; } cases[] = {
-        {"read", tn_file_open_read, true, "old", false}, {"create", tn_file_open_create, false, "old", true},
-        {"truncate", tn_file_open_truncate, true, "", true}, {"write", tn_file_open_write, true, "old", true},
+        {"read", tn_file_open_read, true, "old", false},
+        {"create", tn_file_open_create, false, "old", true},
+        {"truncate", tn_file_open_truncate, true, "", true},
+        {"write", tn_file_open_write, true, "old", true},
         {"truncate_tmp", tn_file_open_truncate_tmp, true, "", true},
         {"readwrite", tn_file_open_readwrite, true, "old", true},
     };
@@ -65,11 +67,18 @@ TEST_F(FileTest, OpenModesKeepTheirExistAndContentsRules)
             tn_uint64 position = 99;
             const bool opens = exists ? c.opens_existing : c.creates;
             ASSERT_EQ(c.open(&file, u(at("f"))), opens ? 1 : 0);
-            EXPECT_TRUE(opens ? close_on_exec(file) && tn_file_seek_pos(file, &position) && position == 0 &&
-                                    tn_file_close(file)
-                              : file == TN_FILE_INVALID) << file << ", at " << position;
+            if (opens) {
+                EXPECT_TRUE(close_on_exec(file));
+                EXPECT_TRUE(tn_file_seek_pos(file, &position));
+                EXPECT_EQ(position, 0u);
+                EXPECT_TRUE(tn_file_close(file));
+            } else {
+                EXPECT_EQ(file, TN_FILE_INVALID);
+            }
             EXPECT_EQ(fs::exists(at("f")), exists || opens);
-            EXPECT_TRUE(!exists || slurp(at("f")) == c.after) << slurp(at("f"));
+            if (exists) {
+                EXPECT_EQ(slurp(at("f")), c.after);
+            }
             fs::remove(at("f"));
         }
     }
@@ -87,22 +96,35 @@ TEST_F(FileTest, WriteSeekReadRoundTripWithPartialReadAtEnd)
     char block[100];
     tn_uint32 count = 0;
     tn_uint64 position = 1;
-    EXPECT_TRUE(tn_file_seek_set(file, 9995, &position) && position == 9995);
-    EXPECT_TRUE(tn_file_read(file, block, 100, &count) && count == 5 && !std::memcmp(block, &data[9995], 5));
-    EXPECT_TRUE(tn_file_read(file, block, 100, &count) && count == 0) << "the end reads as success with count 0";
-    EXPECT_TRUE(tn_file_seek_pos(file, &position) && position == 10000) << position;
+    EXPECT_TRUE(tn_file_seek_set(file, 9995, &position));
+    EXPECT_EQ(position, 9995u);
+    EXPECT_TRUE(tn_file_read(file, block, 100, &count));
+    EXPECT_EQ(count, 5u);
+    EXPECT_EQ(std::memcmp(block, &data[9995], 5), 0);
+    EXPECT_TRUE(tn_file_read(file, block, 100, &count)) << "the end reads as success";
+    EXPECT_EQ(count, 0u) << "with count 0";
+    EXPECT_TRUE(tn_file_seek_pos(file, &position));
+    EXPECT_EQ(position, 10000u);
 
     // Positions past 4 GiB need 64 bits all the way through.
     const tn_uint64 far = (5ull << 30) + 3;
     tn_file_status status;
-    EXPECT_TRUE(tn_file_seek_set(file, far, &position) && position == far);
-    EXPECT_TRUE(tn_file_write(file, "z", 1, &count) && count == 1);
-    EXPECT_TRUE(tn_file_get_fstatus(file, &status) && status.size == far + 1);
+    EXPECT_TRUE(tn_file_seek_set(file, far, &position));
+    EXPECT_EQ(position, far);
+    EXPECT_TRUE(tn_file_write(file, "z", 1, &count));
+    EXPECT_EQ(count, 1u);
+    EXPECT_TRUE(tn_file_get_fstatus(file, &status));
+    EXPECT_EQ(status.size, far + 1);
     EXPECT_FALSE(tn_file_seek_set(file, 1ull << 63, &position));
-    EXPECT_TRUE(tn_file_flush(file) && tn_file_close(file) && tn_file_close(TN_FILE_INVALID));
+    EXPECT_TRUE(tn_file_flush(file));
+    EXPECT_TRUE(tn_file_close(file));
+    EXPECT_TRUE(tn_file_close(TN_FILE_INVALID));
 
     tn_uint32 read = 77, written = 77; // a failed transfer writes a count of 0 too
-    EXPECT_TRUE(!tn_file_read(-1, block, 1, &read) && !tn_file_write(-1, "x", 1, &written) && read + written == 0);
+    EXPECT_FALSE(tn_file_read(-1, block, 1, &read));
+    EXPECT_EQ(read, 0u);
+    EXPECT_FALSE(tn_file_write(-1, "x", 1, &written));
+    EXPECT_EQ(written, 0u);
 }
 
 // A wait of 0 makes one attempt; a wait of 1 still sleeps once before a second.
@@ -110,18 +132,22 @@ TEST_F(FileTest, RenameReplacesAndRetries)
 {
     put("a", "new");
     put("b", "old");
-    EXPECT_TRUE(tn_file_rename(u(at("a")), u(at("b"))) && !fs::exists(at("a")));
+    EXPECT_TRUE(tn_file_rename(u(at("a")), u(at("b"))));
+    EXPECT_FALSE(fs::exists(at("a")));
     EXPECT_EQ(slurp(at("b")), "new");
     const std::string missing = at("missing"), c = at("c");
     tn_elapse watch;
     tn_elapse_start(&watch);
-    EXPECT_FALSE(tn_file_rename(u(missing), u(c)) || tn_file_rename_wait(u(missing), u(c), 0));
+    EXPECT_FALSE(tn_file_rename(u(missing), u(c)));
+    EXPECT_FALSE(tn_file_rename_wait(u(missing), u(c), 0));
     EXPECT_LT(tn_elapse_total(&watch), 250u);
     tn_elapse_start(&watch);
     EXPECT_FALSE(tn_file_rename_wait(u(missing), u(c), 1));
     const tn_uint32 took = tn_elapse_total(&watch);
-    EXPECT_TRUE(took > 250 && took < 5000) << took;
-    EXPECT_TRUE(tn_file_rename_wait(u(at("b")), u(c), 1000) && slurp(c) == "new");
+    EXPECT_GT(took, 250u);
+    EXPECT_LT(took, 5000u);
+    EXPECT_TRUE(tn_file_rename_wait(u(at("b")), u(c), 1000));
+    EXPECT_EQ(slurp(c), "new");
 }
 
 TEST_F(FileTest, RenameAcrossFileSystemsCopies)
@@ -142,13 +168,19 @@ TEST_F(FileTest, RenameAcrossFileSystemsCopies)
         std::ofstream(target, std::ios::binary) << "old";
         bool ok = tn_file_rename(u(at("src")), u(target));
         EXPECT_EQ(std::distance(fs::directory_iterator(other), fs::directory_iterator()), 1);
-        EXPECT_TRUE(ok || (slurp(target) == "old" && fs::exists(at("src"))));
+        if (!ok) {
+            EXPECT_EQ(slurp(target), "old");
+            EXPECT_TRUE(fs::exists(at("src")));
+        }
         return ok;
     };
     EXPECT_GE(tn_test::sweep_alloc_failures(attempt), 2) << "the copy allocates its name and its block";
-    EXPECT_TRUE(!fs::exists(at("src")) && slurp(target) == std::string(100000, 'q'));
+    EXPECT_FALSE(fs::exists(at("src")));
+    EXPECT_TRUE(slurp(target) == std::string(100000, 'q')) << "content differs";
     struct stat st;
-    EXPECT_TRUE(stat(target.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640 && st.st_mtim.tv_sec == stamp);
+    ASSERT_EQ(stat(target.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u) << "the mode went astray";
+    EXPECT_EQ(st.st_mtim.tv_sec, stamp) << "the time went astray";
     fs::remove_all(other);
 }
 
@@ -156,32 +188,45 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
 {
     put("f", std::string(100, 'x'));
     ASSERT_TRUE(tn_dir_make(u(at("d"))));
-    EXPECT_FALSE(tn_dir_make(u(at("d"))) || tn_dir_make(u(at("no/such"))));
+    EXPECT_FALSE(tn_dir_make(u(at("d")))) << "exists";
+    EXPECT_FALSE(tn_dir_make(u(at("no/such"))));
     tn_file_status status;
     ASSERT_TRUE(tn_file_get_status(u(at("f")), &status));
-    EXPECT_TRUE(status.directory == 0 && status.size == 100) << status.directory << ", " << status.size;
+    EXPECT_EQ(status.directory, 0u);
+    EXPECT_EQ(status.size, 100u);
     ASSERT_TRUE(tn_file_get_status(u(at("d")), &status));
-    EXPECT_TRUE(status.directory == 16 && status.size == 0) << status.directory << ", " << status.size;
+    EXPECT_EQ(status.directory, 16u);
+    EXPECT_EQ(status.size, 0u);
     EXPECT_FALSE(tn_file_get_status(u(at("none")), &status));
-    EXPECT_TRUE(tn_file_is_file(u(at("f"))) && !tn_file_is_file(u(at("d"))) && !tn_file_is_file(u(at("none"))));
-    EXPECT_TRUE(tn_file_is_dir(u(at("d"))) && !tn_file_is_dir(u(at("f"))) && !tn_file_is_dir(u(at("none"))));
+    EXPECT_TRUE(tn_file_is_file(u(at("f"))));
+    EXPECT_FALSE(tn_file_is_file(u(at("d"))));
+    EXPECT_FALSE(tn_file_is_file(u(at("none"))));
+    EXPECT_TRUE(tn_file_is_dir(u(at("d"))));
+    EXPECT_FALSE(tn_file_is_dir(u(at("f"))));
+    EXPECT_FALSE(tn_file_is_dir(u(at("none"))));
 
     // The time goes through a handle opened for writing, which a directory refuses.
     for (tn_time t : {tn_time{0}, tn_time{1234567890}, tn_time{4102444800}}) {
-        EXPECT_TRUE(tn_file_set_time(u(at("f")), &t) && tn_file_get_status(u(at("f")), &status)) << t;
+        EXPECT_TRUE(tn_file_set_time(u(at("f")), &t)) << t;
+        EXPECT_TRUE(tn_file_get_status(u(at("f")), &status));
         EXPECT_EQ(status.modified, t);
     }
     const tn_time t = 5;
-    EXPECT_FALSE(tn_file_set_time(u(at("none")), &t) || tn_file_set_time(u(at("d")), &t));
+    EXPECT_FALSE(tn_file_set_time(u(at("none")), &t));
+    EXPECT_FALSE(tn_file_set_time(u(at("d")), &t));
 
     tn_file_system_status system;
     ASSERT_TRUE(tn_file_get_system_status(u(at("f")), &system));
-    EXPECT_TRUE(system.total > 0 && system.free <= system.total && system.used == system.total - system.free);
+    EXPECT_GT(system.total, 0u);
+    EXPECT_LE(system.free, system.total);
+    EXPECT_EQ(system.used, system.total - system.free);
     EXPECT_FALSE(tn_file_get_system_status(u(at("none")), &system));
 
     // A directory is no file to remove, nor is a file removed twice.
-    EXPECT_TRUE(!tn_file_remove(u(at("d"))) && tn_dir_remove(u(at("d"))));
-    EXPECT_TRUE(tn_file_remove(u(at("f"))) && !tn_file_remove(u(at("f"))));
+    EXPECT_FALSE(tn_file_remove(u(at("d"))));
+    EXPECT_TRUE(tn_dir_remove(u(at("d"))));
+    EXPECT_TRUE(tn_file_remove(u(at("f"))));
+    EXPECT_FALSE(tn_file_remove(u(at("f")))) << "removed twice";
 }
 
 // Every failed allocation ends a listing short: a name that cannot be stored
@@ -189,8 +234,19 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
 TEST_F(FileTest, DirectoryListingSkipsOnlyDotAndDotDot)
 {
     const std::set<std::string> names = {"plain", ".hidden", "sub", "\xc3\xbcn\xc3\xaf \xe2\x82\xac.txt"}, none;
-    for (const std::string &n : names) n == "sub" ? (void)fs::create_directory(at(n)) : put(n, "");
-    for (const auto &[path, want] : {std::pair{dir, names}, std::pair{dir + "/", names}, std::pair{at("sub"), none}}) {
+    for (const std::string &n : names) {
+        if (n == "sub") {
+            fs::create_directory(at(n));
+        } else {
+            put(n, "");
+        }
+    }
+    const struct { std::string path; std::set<std::string> want; } cases[] = {
+        {dir, names},
+        {dir + "/", names},
+        {at("sub"), none},
+    };
+    for (const auto &[path, want] : cases) {
         SCOPED_TRACE(path);
         std::set<std::string> seen;
         tn_test::sweep_alloc_failures([&, &path = path, &want = want] {
@@ -199,22 +255,32 @@ TEST_F(FileTest, DirectoryListingSkipsOnlyDotAndDotDot)
             if (!tn_dir_open(&d, u(path))) return false;
             EXPECT_TRUE(close_on_exec(dirfd(static_cast<DIR *>(d.handle))));
             while (const tn_uchar *name = tn_dir_read(&d)) seen.insert(reinterpret_cast<const char *>(name));
-            EXPECT_TRUE(tn_dir_read(&d) == nullptr && !seen.count("")) << "no name is skipped, none is empty";
+            EXPECT_EQ(tn_dir_read(&d), nullptr) << "the end stays";
+            EXPECT_EQ(seen.count(""), 0u) << "an empty name";
             EXPECT_TRUE(tn_dir_close(&d));
             return seen == want;
         });
         EXPECT_EQ(seen, want);
     }
     tn_dir d{nullptr, nullptr, 7, {}};
-    EXPECT_TRUE(!tn_dir_open(&d, u(std::string())) && d.pending == 7) << "an empty path leaves the record alone";
-    EXPECT_FALSE(tn_dir_open(&d, u(at("plain"))) || tn_dir_open(&d, u(at("none"))));
+    EXPECT_FALSE(tn_dir_open(&d, u(std::string())));
+    EXPECT_EQ(d.pending, 7) << "an empty path leaves the record alone";
+    EXPECT_FALSE(tn_dir_open(&d, u(at("plain")))) << "a file";
+    EXPECT_FALSE(tn_dir_open(&d, u(at("none"))));
 }
 
 TEST_F(FileTest, FirstLineNeedsRoomForTheTerminator)
 {
     const struct { const char *contents; tn_bool result; const char *line; } cases[] = {
-        {"ab\r\nmore", 1, "ab"}, {"abc", 1, "abc"}, {"abcdefgh", 0, ""}, {"abcdefg\n", 1, "abcdefg"},
-        {"", 1, ""}, {"x\ny\n", 1, "x"}, {"\nabc", 1, ""}, {"abcdefgh\n", 0, ""}, {"a\rb", 1, "a"},
+        {"ab\r\nmore", 1, "ab"},
+        {"abc", 1, "abc"},
+        {"abcdefgh", 0, ""},
+        {"abcdefg\n", 1, "abcdefg"},
+        {"", 1, ""},
+        {"x\ny\n", 1, "x"},
+        {"\nabc", 1, ""},
+        {"abcdefgh\n", 0, ""},
+        {"a\rb", 1, "a"},
     };
     tn_uchar buffer[8];
     for (const auto &c : cases) {
@@ -229,15 +295,24 @@ TEST_F(FileTest, FirstLineNeedsRoomForTheTerminator)
 TEST(FileNames, SuffixAndAbsolutePath)
 {
     const struct { const char *path, *suffix; } cases[] = {
-        {"a.txt", "txt"}, {"a", ""}, {"a.", ""}, {"d.x/a", ""}, {"d.x/a.b", "b"}, {"/x/y.tar.gz", "gz"},
-        {".profile", "profile"}, {"", ""}, {"d/.", ""}, {"a\\b.c", "c"},
+        {"a.txt", "txt"},
+        {"a", ""},
+        {"a.", ""},
+        {"d.x/a", ""},
+        {"d.x/a.b", "b"},
+        {"/x/y.tar.gz", "gz"},
+        {".profile", "profile"},
+        {"", ""},
+        {"d/.", ""},
+        {"a\\b.c", "c"},
     };
     for (const auto &c : cases) {
         const tn_uchar *suffix = tn_file_get_suffix(u(c.path));
         EXPECT_STREQ(reinterpret_cast<const char *>(suffix), c.suffix) << c.path;
         EXPECT_EQ(suffix + strlen(c.suffix), u(c.path) + strlen(c.path)) << c.path << ": it points into the path";
     }
-    EXPECT_TRUE(tn_file_is_absolute_path(u("/x")) && tn_file_is_absolute_path(u("/")));
+    EXPECT_TRUE(tn_file_is_absolute_path(u("/x")));
+    EXPECT_TRUE(tn_file_is_absolute_path(u("/")));
     for (const char *relative : {"", "x", "./x", "C:\\x", "\\x", "C:/x"})
         EXPECT_FALSE(tn_file_is_absolute_path(u(relative))) << relative;
     EXPECT_STREQ(reinterpret_cast<const char *>(tn_file_get_invalid_file_name_chars()), "\"<>|:*?/\\");

@@ -45,12 +45,18 @@ struct Connection {
     explicit Connection(const char *host = "127.0.0.1") { open(ip_of(host)); }
     void open(const tn_ip here)
     {
-        ASSERT_TRUE(tn_socket_tcp(&listener, &here) && tn_socket_bind(listener, &here) &&
-                    tn_socket_listen(listener, 4));
+        ASSERT_TRUE(tn_socket_tcp(&listener, &here));
+        ASSERT_TRUE(tn_socket_bind(listener, &here));
+        ASSERT_TRUE(tn_socket_listen(listener, 4));
         tn_ip there;
-        ASSERT_TRUE(tn_socket_local(listener, &there) && tn_socket_tcp(&client, &there));
-        ASSERT_TRUE(tn_socket_connect(client, &there) || tn_socket_get_last_error() == TN_SOCKET_ERROR_WOULD_BLOCK);
-        ASSERT_TRUE(ready(listener, POLLIN) && tn_socket_accept(listener, &server, &peer) && ready(client, POLLOUT));
+        ASSERT_TRUE(tn_socket_local(listener, &there));
+        ASSERT_TRUE(tn_socket_tcp(&client, &there));
+        if (!tn_socket_connect(client, &there)) {
+            ASSERT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_WOULD_BLOCK);
+        }
+        ASSERT_TRUE(ready(listener, POLLIN));
+        ASSERT_TRUE(tn_socket_accept(listener, &server, &peer));
+        ASSERT_TRUE(ready(client, POLLOUT));
     }
     ~Connection() { for (tn_socket s : {listener, client, server}) EXPECT_TRUE(tn_socket_close(s)); }
 };
@@ -86,16 +92,21 @@ TEST_F(Socket, NonBlockingCloseOnExecAndWouldBlock)
         Connection c(host);
         tn_ip mine, theirs;
         tn_socket none = 123;
-        for (tn_socket s : {c.listener, c.client, c.server})
-            EXPECT_TRUE((fcntl(s, F_GETFL) & O_NONBLOCK) && (fcntl(s, F_GETFD) & FD_CLOEXEC)) << s;
-        ASSERT_TRUE(tn_socket_local(c.client, &mine) && tn_socket_remote(c.server, &theirs));
-        EXPECT_TRUE(tn_ip_equal(&c.peer, &mine) && tn_ip_equal(&theirs, &mine));
+        for (tn_socket s : {c.listener, c.client, c.server}) {
+            EXPECT_TRUE(fcntl(s, F_GETFL) & O_NONBLOCK) << s;
+            EXPECT_TRUE(fcntl(s, F_GETFD) & FD_CLOEXEC) << s;
+        }
+        ASSERT_TRUE(tn_socket_local(c.client, &mine));
+        ASSERT_TRUE(tn_socket_remote(c.server, &theirs));
+        EXPECT_TRUE(tn_ip_equal(&c.peer, &mine)) << "accept's peer";
+        EXPECT_TRUE(tn_ip_equal(&theirs, &mine)) << "remote";
         EXPECT_FALSE(tn_socket_accept(c.listener, &none, nullptr));
         EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_WOULD_BLOCK);
         tn_uint32 count = 77;
         EXPECT_FALSE(tn_socket_recv(c.server, &mine, 1, &count));
         EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_WOULD_BLOCK);
-        EXPECT_TRUE(none == -1 && count == 77) << none << ", " << count << ": failures store -1, not the count";
+        EXPECT_EQ(none, -1) << "a failed accept stores -1";
+        EXPECT_EQ(count, 77u) << "a failed receive leaves the count";
     }
 }
 
@@ -104,9 +115,13 @@ TEST_F(Socket, ErrorCodesBelongToTheCallingThread)
     const tn_ip here = ip_of("127.0.0.1");
     tn_socket s = -1;
     tn_ip there;
-    ASSERT_TRUE(tn_socket_tcp(&s, &here) && tn_socket_bind(s, &here) && tn_socket_local(s, &there));
+    ASSERT_TRUE(tn_socket_tcp(&s, &here));
+    ASSERT_TRUE(tn_socket_bind(s, &here));
+    ASSERT_TRUE(tn_socket_local(s, &there));
     // Blocking, so that the refusal of a port nobody listens on comes from the call itself.
-    ASSERT_TRUE(tn_socket_close(s) && tn_socket_tcp(&s, &there) && tn_socket_ndelay_off(s));
+    ASSERT_TRUE(tn_socket_close(s));
+    ASSERT_TRUE(tn_socket_tcp(&s, &there));
+    ASSERT_TRUE(tn_socket_ndelay_off(s));
     EXPECT_FALSE(tn_socket_connect(s, &there));
     EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_REFUSED);
     std::thread other([] {
@@ -132,7 +147,8 @@ TEST_F(Socket, PartialSendsAndSendFileResumeWhereAFullSocketStopped)
     // that a resume at position 0 goes on from the start.
     lseek(file, 0, SEEK_SET);
     ASSERT_TRUE(tn_socket_send_file(c.client, file, 0, size, &count));
-    EXPECT_EQ(count + where(), 0u);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(where(), 0u) << "the file moved though nothing was sent";
     expect_pattern(c.server, filled, 0);
 
     // The peer does not read yet: the first call stops short, with success.
@@ -150,11 +166,14 @@ TEST_F(Socket, PartialSendsAndSendFileResumeWhereAFullSocketStopped)
 
     // The end of a file, or of a pipe (copied, as it cannot splice, and
     // sent from where it stands, as position 0 means), ends a call.
-    EXPECT_TRUE(tn_socket_send_file(c.client, file, size - 100, 1000, &count) && count == 100) << count;
+    EXPECT_TRUE(tn_socket_send_file(c.client, file, size - 100, 1000, &count));
+    EXPECT_EQ(count, 100u);
     int fds[2];
-    ASSERT_TRUE(pipe(fds) == 0 && write(fds[1], pattern.data() + size, 20000) == 20000);
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], pattern.data() + size, 20000), 20000);
     close(fds[1]);
-    EXPECT_TRUE(tn_socket_send_file(c.client, fds[0], 0, 30000, &count) && count == 20000) << count;
+    EXPECT_TRUE(tn_socket_send_file(c.client, fds[0], 0, 30000, &count));
+    EXPECT_EQ(count, 20000u);
     expect_pattern(c.server, 20100, size - 100);
     EXPECT_FALSE(tn_socket_send_file(c.client, fds[0], 10, 5, &count)) << "a pipe cannot seek";
     close(fds[0]);
@@ -175,23 +194,28 @@ TEST_F(Socket, PeerCloseIsEndOfStreamAndWritingToItRaisesNoSignal)
         pthread_sigmask(SIG_BLOCK, nullptr, &mask_before);
         {
             Connection c;
-            ASSERT_TRUE(tn_socket_shutdown(c.server, 1) && ready(c.client, POLLIN)); // its sending side
+            ASSERT_TRUE(tn_socket_shutdown(c.server, 1)); // its sending side
+            ASSERT_TRUE(ready(c.client, POLLIN));
             tn_uint32 count = 5;
-            EXPECT_TRUE(tn_socket_recv(c.client, &count, 1, &count) && count == 0) << count;
+            EXPECT_TRUE(tn_socket_recv(c.client, &count, 1, &count));
+            EXPECT_EQ(count, 0u) << "end of stream";
             EXPECT_TRUE(tn_socket_close(std::exchange(c.server, -1)));
             int tries = 0;
             while (tn_socket_send(c.client, "data", 4, nullptr) && ++tries < 200) usleep(1000);
             ASSERT_LT(tries, 200) << "sending to a closed peer never failed";
             EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_OTHER);
             tn_uint64 sent = 99;
-            EXPECT_TRUE(!tn_socket_send_file(c.client, file, 1, 50000, &sent) && sent == 0) << sent;
+            EXPECT_FALSE(tn_socket_send_file(c.client, file, 1, 50000, &sent));
+            EXPECT_EQ(sent, 0u);
         }
         pthread_sigmask(SIG_BLOCK, nullptr, &mask_after);
         EXPECT_EQ(sigismember(&mask_before, SIGPIPE), sigismember(&mask_after, SIGPIPE));
         sigpending(&pending);
         EXPECT_EQ(sigismember(&pending, SIGPIPE), host_blocks ? 1 : 0);
         const timespec zero{0, 0};
-        EXPECT_TRUE(!host_blocks || sigtimedwait(&pipe, nullptr, &zero) == SIGPIPE) << "the host's SIGPIPE stays";
+        if (host_blocks) {
+            EXPECT_EQ(sigtimedwait(&pipe, nullptr, &zero), SIGPIPE) << "the host's SIGPIPE stays";
+        }
         EXPECT_EQ(sigtimedwait(&pipe, nullptr, &zero), -1) << "only the host's own SIGPIPE was pending";
         pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     }
@@ -208,8 +232,11 @@ TEST_F(Socket, SendFileThatFailsMidwayCountsWholeChunksOnly)
     for (bool from_pipe : {false, true}) {
         SCOPED_TRACE(from_pipe ? "pipe" : "file");
         int fds[2] = {-1, -1}, pair[2];
-        ASSERT_TRUE(!from_pipe || (pipe(fds) == 0 && fcntl(fds[1], F_SETPIPE_SZ, 1 << 18) >= 1 << 18 &&
-                                   write(fds[1], pattern.data(), length) == static_cast<ssize_t>(length)));
+        if (from_pipe) {
+            ASSERT_EQ(pipe(fds), 0);
+            ASSERT_GE(fcntl(fds[1], F_SETPIPE_SZ, 1 << 18), 1 << 18);
+            ASSERT_EQ(write(fds[1], pattern.data(), length), static_cast<ssize_t>(length));
+        }
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
         const int small = 4096;
         setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
@@ -223,8 +250,11 @@ TEST_F(Socket, SendFileThatFailsMidwayCountsWholeChunksOnly)
         EXPECT_EQ(recv(pair[1], got, sizeof got, MSG_WAITALL), 10000);
         close(pair[1]);
         sender.join();
-        EXPECT_TRUE(!ok && error == TN_SOCKET_ERROR_OTHER) << ok << ", error " << error;
-        EXPECT_TRUE(count % 8192 == 0 && count >= 8192 && count < length) << count;
+        EXPECT_FALSE(ok);
+        EXPECT_EQ(error, TN_SOCKET_ERROR_OTHER);
+        EXPECT_EQ(count % 8192, 0u) << count << ": not whole chunks";
+        EXPECT_GE(count, 8192u);
+        EXPECT_LT(count, length);
         for (int fd : {pair[0], fds[0], fds[1]}) close(fd);
     }
 }
@@ -234,14 +264,17 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
     const tn_ip here = ip_of("127.0.0.1"), any = ip_of("0.0.0.0"), elsewhere = ip_of("10.1.2.3"), v6 = ip_of("::1");
     tn_socket a = -1, b = -1, wild = -1;
     tn_ip shared;
-    ASSERT_TRUE(tn_socket_udp(&a, &here) && tn_socket_bind_reuse(a, &here) && tn_socket_local(a, &shared));
+    ASSERT_TRUE(tn_socket_udp(&a, &here));
+    ASSERT_TRUE(tn_socket_bind_reuse(a, &here));
+    ASSERT_TRUE(tn_socket_local(a, &shared));
     ASSERT_TRUE(tn_socket_udp(&b, &here));
     EXPECT_FALSE(tn_socket_bind(b, &shared));
     EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_ADDRESS_IN_USE);
     EXPECT_TRUE(tn_socket_bind_reuse(b, &shared));
 
     tn_uint32 count = 0;
-    ASSERT_TRUE(tn_socket_send_to(a, "hello", 5, &shared, &count) && count == 5) << count;
+    ASSERT_TRUE(tn_socket_send_to(a, "hello", 5, &shared, &count));
+    EXPECT_EQ(count, 5u);
     pollfd both[2] = {{a, POLLIN, 0}, {b, POLLIN, 0}}; // which one gets it is the kernel's choice
     ASSERT_EQ(::poll(both, 2, 5000), 1);
     char text[8];
@@ -252,7 +285,8 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
 
     // The port does not count, a wildcard serves any family, and a socket
     // whose address cannot be read serves nothing.
-    ASSERT_TRUE(tn_socket_udp(&wild, &any) && tn_socket_bind(wild, &any));
+    ASSERT_TRUE(tn_socket_udp(&wild, &any));
+    ASSERT_TRUE(tn_socket_bind(wild, &any));
     tn_socket_array sockets;
     tn_array_init(&sockets, sizeof(tn_socket));
     const tn_socket order[] = {-1, a, wild};

@@ -15,7 +15,12 @@ using Threads = tn_test::AllocTest;
 long long ms_since(steady::time_point t0) { return (steady::now() - t0) / 1ms; }
 int nice_of(tn_int32 tid) { return getpriority(PRIO_PROCESS, static_cast<id_t>(tid)); } // tid 0: the caller
 bool renice(tn_int32 tid, int nice) { return setpriority(PRIO_PROCESS, static_cast<id_t>(tid), nice) == 0; }
-template <class F> bool elsewhere(F f) { bool r = false; std::thread([&] { r = f(); }).join(); return r; }
+template <class F> bool elsewhere(F f) // f's result on a thread of its own
+{
+    bool r = false;
+    std::thread([&] { r = f(); }).join();
+    return r;
+}
 std::atomic<bool> parked{false}; // holds the threads that run park until cleared
 void park(void *) { while (parked) std::this_thread::sleep_for(1ms); }
 } // namespace
@@ -26,38 +31,82 @@ void park(void *) { while (parked) std::this_thread::sleep_for(1ms); }
 TEST_F(Threads, CreateJoinDetachStackSizePriorityAndHandleZero)
 {
     static constexpr int nice_of_level[8] = {0, -20, -10, -5, 0, 5, 10, 19};
-    const tn_int32 rows[][2] = {{10, 1}, {8, 1},  {7, 2},  {5, 2},  {4, 3},  {2, 3},  {1, 4},  {-1, 4},
-                                {11, 4}, {-11, 4}, {-2, 5}, {-4, 5}, {-5, 6}, {-7, 6}, {-8, 7}, {-10, 7}};
+    const struct { tn_int32 number; tn_uint32 level; } rows[] = {
+        {10, 1},
+        {8, 1},
+        {7, 2},
+        {5, 2},
+        {4, 3},
+        {2, 3},
+        {1, 4},
+        {-1, 4},
+        {11, 4},
+        {-11, 4},
+        {-2, 5},
+        {-4, 5},
+        {-5, 6},
+        {-7, 6},
+        {-8, 7},
+        {-10, 7},
+    }; // a number outside -10..10 means normal
+    const tn_uint32 stack_requests[] = {1, 100000, 512 * 1024};
     const auto before = tn_test::outstanding();
-    tn_thread t, u{77, 1};
-    tn_uint32 level = 99, requests[] = {1, 100000, 512 * 1024};
     for (int i = 0; i < 16; ++i) {
-        const tn_int32 number = rows[i][0], lvl = rows[i][1], target = nice_of_level[lvl];
+        SCOPED_TRACE(testing::Message() << "thread " << i << ", number " << rows[i].number);
+        const tn_uint32 request = stack_requests[i % 3];
+        const int target = nice_of_level[rows[i].level];
+        const bool detached = i == 15;
+        tn_thread t;
+        parked = true;
+        ASSERT_TRUE(tn_thread_create(&t, request, park, nullptr));
+        if (detached) tn_thread_detach(&t);
         pthread_attr_t attr;
         size_t size = 0;
-        int detached = i == 15, state = -1;
-        ASSERT_TRUE((parked = true, tn_thread_create(&t, requests[i % 3], park, nullptr)));
-        if (detached) tn_thread_detach(&t);
-        pthread_getattr_np(static_cast<pthread_t>(t.handle), &attr), pthread_attr_getstacksize(&attr, &size);
-        pthread_attr_getdetachstate(&attr, &state), pthread_attr_destroy(&attr);
-        EXPECT_TRUE(size >= requests[i % 3] && size < (2u << 20)) << requests[i % 3] << " gave " << size;
-        EXPECT_EQ(state, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE) << "thread " << i;
+        int state = -1;
+        pthread_getattr_np(static_cast<pthread_t>(t.handle), &attr);
+        pthread_attr_getstacksize(&attr, &size);
+        pthread_attr_getdetachstate(&attr, &state);
+        pthread_attr_destroy(&attr);
+        EXPECT_GE(size, request);
+        EXPECT_LT(size, 2u << 20);
+        EXPECT_EQ(state, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+        // Start above the target where we can; whether the target may be reached is tried by hand.
         const int was = nice_of(t.tid) < target ? nice_of(t.tid) : 19;
-        const bool may = (renice(t.tid, was), target > was || (renice(t.tid, target) && renice(t.tid, was)));
-        for (int by_number = i % 2; by_number < 2; ++by_number) // odd rows by level first, then all by number
-            EXPECT_TRUE((by_number ? tn_thread_set_priority_numrical(&t, number) : tn_thread_set_priority(&t, lvl)) ==
-                        may && tn_thread_get_priority(&t, &level) && level == tn_uint32(may ? lvl : 7) &&
-                        nice_of(t.tid) == (may ? target : was)) << i << (by_number ? " by number" : " by level");
+        renice(t.tid, was);
+        const bool may = target > was || (renice(t.tid, target) && renice(t.tid, was));
+        for (int by_number = i % 2; by_number < 2; ++by_number) { // odd rows by level first, then all by number
+            SCOPED_TRACE(by_number ? "by number" : "by level");
+            const tn_bool set = by_number ? tn_thread_set_priority_numrical(&t, rows[i].number)
+                                          : tn_thread_set_priority(&t, rows[i].level);
+            EXPECT_EQ(set, may ? 1 : 0);
+            tn_uint32 level = 99;
+            EXPECT_TRUE(tn_thread_get_priority(&t, &level));
+            EXPECT_EQ(level, may ? rows[i].level : 7u);
+            EXPECT_EQ(nice_of(t.tid), may ? target : was) << "the priority did not reach the thread";
+        }
         for (tn_uint32 l : {0u, 8u, ~0u}) EXPECT_FALSE(tn_thread_set_priority(&t, l)) << "level " << l;
-        EXPECT_TRUE(renice(t.tid, 15) && tn_thread_get_priority(&t, &level) && !level) << "niceness 15 read as a level";
+        ASSERT_TRUE(renice(t.tid, 15));
+        tn_uint32 level = 99;
+        EXPECT_TRUE(tn_thread_get_priority(&t, &level));
+        EXPECT_EQ(level, 0u) << "niceness 15 is no level";
         parked = false;
-        EXPECT_TRUE(detached || (tn_thread_join(&t) && tn_test::outstanding() == before)) << "join did not wait";
+        if (!detached) {
+            EXPECT_TRUE(tn_thread_join(&t));
+            EXPECT_EQ(tn_test::outstanding(), before) << "join did not wait";
+        }
     }
     for (auto t0 = steady::now(); tn_test::outstanding() != before && ms_since(t0) < 5000;) // the detached one
         std::this_thread::sleep_for(1ms);
-    EXPECT_FALSE((tn_test::fail_nth_allocation(1), tn_thread_create(&u, 0, park, nullptr)) || u.handle ||
-                 (tn_thread_detach(&u), tn_thread_join(&u)) || tn_thread_get_priority(&u, &level) ||
-                 tn_thread_set_priority(&u, 4) || tn_thread_set_priority_numrical(&u, 0));
+    tn_thread u{77, 1};
+    tn_uint32 level = 99;
+    tn_test::fail_nth_allocation(1);
+    EXPECT_FALSE(tn_thread_create(&u, 0, park, nullptr));
+    EXPECT_EQ(u.handle, 0u);
+    tn_thread_detach(&u);
+    EXPECT_FALSE(tn_thread_join(&u));
+    EXPECT_FALSE(tn_thread_get_priority(&u, &level));
+    EXPECT_FALSE(tn_thread_set_priority(&u, 4));
+    EXPECT_FALSE(tn_thread_set_priority_numrical(&u, 0));
 }
 
 TEST_F(Threads, MutexRecursiveCountsOnlyTheOwnerUnlocksAndADeadOwnerHandsOver)
@@ -65,32 +114,54 @@ TEST_F(Threads, MutexRecursiveCountsOnlyTheOwnerUnlocksAndADeadOwnerHandsOver)
     tn_mutex m;
     ASSERT_EQ(tn_mutex_create(&m), 1);
     auto other_takes = [&] { return elsewhere([&] { return tn_mutex_trylock(&m) && tn_mutex_unlock(&m); }); };
-    EXPECT_TRUE(tn_mutex_lock(&m) && tn_mutex_lock(&m) && tn_mutex_trylock(&m));
+    EXPECT_TRUE(tn_mutex_lock(&m));
+    EXPECT_TRUE(tn_mutex_lock(&m)) << "recursive";
+    EXPECT_TRUE(tn_mutex_trylock(&m));
 #if !defined(__SANITIZE_THREAD__) // it reports a non-owner's unlock even when that fails as it should
     EXPECT_FALSE(elsewhere([&] { return tn_mutex_unlock(&m); })) << "a non-owner unlocked";
 #endif
-    for (int i = 1; i <= 3; ++i) EXPECT_TRUE(tn_mutex_unlock(&m) && other_takes() == (i == 3)) << i << " of 3 unlocks";
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_TRUE(tn_mutex_unlock(&m)) << "unlock " << i;
+        EXPECT_EQ(other_takes(), i == 3) << "after unlock " << i << " of 3";
+    }
     elsewhere([&] { return tn_mutex_lock(&m) && tn_mutex_lock(&m); }); // ends holding it twice
     EXPECT_EQ(tn_mutex_trylock(&m), 0) << "the owner's end went unnoticed"; // where a lock would hang
-    EXPECT_TRUE(tn_mutex_unlock(&m) && other_takes()) << "not handed over, or not usable after";
-    tn_mutex_free(&m), tn_mutex_free(&m), tn_mutex_free(nullptr); // the emptied record and null are ignored
+    EXPECT_TRUE(tn_mutex_unlock(&m)) << "not handed over";
+    EXPECT_TRUE(other_takes()) << "not usable after the hand-over";
+    tn_mutex_free(&m);
+    tn_mutex_free(&m); // the emptied record is ignored
+    tn_mutex_free(nullptr);
 }
 
 TEST_F(Threads, SemaphoreCountsStayWithinTheMaximumAndWaitsTimeOutOrTakeALatePost)
 {
     tn_semaphore s{&s}; // a refused create must clear the handle
-    EXPECT_FALSE(tn_semaphore_create(&s, 0, 0) || tn_semaphore_create(&s, 4, 3) || s.handle);
+    EXPECT_FALSE(tn_semaphore_create(&s, 0, 0)) << "maximum 0";
+    EXPECT_FALSE(tn_semaphore_create(&s, 4, 3)) << "initial above the maximum";
+    EXPECT_EQ(s.handle, nullptr);
     ASSERT_EQ(tn_semaphore_create(&s, 1, 1), 1);
-    EXPECT_TRUE(!tn_semaphore_post(&s) && tn_semaphore_trywait(&s) && !tn_semaphore_trywait(&s)) << "not 1 of 1";
+    EXPECT_FALSE(tn_semaphore_post(&s)) << "beyond the maximum";
+    EXPECT_TRUE(tn_semaphore_trywait(&s));
+    EXPECT_FALSE(tn_semaphore_trywait(&s)) << "the refused post counted";
     auto t0 = steady::now();
-    EXPECT_TRUE(!tn_semaphore_wait(&s, 80) && ms_since(t0) >= 79 && ms_since(t0) < 3000) << ms_since(t0);
+    EXPECT_FALSE(tn_semaphore_wait(&s, 80));
+    EXPECT_GE(ms_since(t0), 79);
+    EXPECT_LT(ms_since(t0), 3000);
     for (tn_uint32 timeout : {0u, 5000u}) { // 0 means no limit
-        std::thread poster([&] { std::this_thread::sleep_for(200ms), tn_semaphore_post(&s); });
+        SCOPED_TRACE(testing::Message() << "time-out " << timeout);
+        std::thread poster([&] {
+            std::this_thread::sleep_for(200ms);
+            tn_semaphore_post(&s);
+        });
         t0 = steady::now();
-        EXPECT_TRUE(tn_semaphore_wait(&s, timeout) && ms_since(t0) >= 190 && ms_since(t0) < 3000) << timeout;
+        EXPECT_TRUE(tn_semaphore_wait(&s, timeout));
+        EXPECT_GE(ms_since(t0), 190);
+        EXPECT_LT(ms_since(t0), 3000);
         poster.join();
     }
-    tn_semaphore_free(&s), tn_semaphore_free(&s), tn_semaphore_free(nullptr);
+    tn_semaphore_free(&s);
+    tn_semaphore_free(&s);
+    tn_semaphore_free(nullptr);
 }
 
 // A body that ends its thread itself never returns to the start sequence, which must not hold on to its record.

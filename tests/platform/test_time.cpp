@@ -11,10 +11,15 @@ TEST(Clock, ThreeResolutionsShareTheUnixEpoch)
 {
     for (int attempt = 0; attempt < 5; ++attempt) { // retry across a second boundary rather than accept a torn reading
         tn_time s, ms, us, s2;
-        tn_time_sec(&s), tn_time_msec(&ms), tn_time_usec(&us), tn_time_sec(&s2);
+        tn_time_sec(&s);
+        tn_time_msec(&ms);
+        tn_time_usec(&us);
+        tn_time_sec(&s2);
         if (s != s2) continue;
-        EXPECT_TRUE(ms / 1000 == s && us / 1000000 == s && us / 1000 >= ms && us / 1000 - ms < 1000) // truncated
-            << s << " s, " << ms << " ms, " << us << " us";
+        EXPECT_EQ(ms / 1000, s) << "truncated, not rounded";
+        EXPECT_EQ(us / 1000000, s);
+        EXPECT_GE(us / 1000, ms);
+        EXPECT_LT(us / 1000 - ms, 1000);
         EXPECT_NEAR(double(s), double(std::time(nullptr)), 2.0); // the wall clock, not a monotonic count
         return;
     }
@@ -29,8 +34,11 @@ TEST(Elapse, DeltaMovesTheMarkAndTotalCountsFromStart)
     tn_thread_sleep(30);
     const tn_uint32 d1 = tn_elapse_delta(&e), d2 = tn_elapse_delta(&e), total = tn_elapse_total(&e);
     // d2 is only the time between the two calls; total still counts from the start.
-    EXPECT_TRUE(d1 >= 29 && d2 < d1 && total >= d1 && total < 5000 && e.mark != e.start)
-        << d1 << ", " << d2 << ", " << total;
+    EXPECT_GE(d1, 29u);
+    EXPECT_LT(d2, d1) << "the first delta moved the mark";
+    EXPECT_GE(total, d1) << "total counts from the start";
+    EXPECT_LT(total, 5000u);
+    EXPECT_NE(e.mark, e.start);
 }
 
 // Differences are modulo 2^32: a start 2^32 + 5 ms back reads as 5 ms, a clock that went back as a huge delta.
@@ -41,8 +49,11 @@ TEST(Elapse, ArithmeticWrapsAtThirtyTwoBits)
     const tn_time back = now - (tn_time{1} << 32) - 5;
     tn_elapse e{back, back}, ahead{now + 1000, now + 1000};
     const tn_uint32 total = tn_elapse_total(&e), delta = tn_elapse_delta(&e), jumped = tn_elapse_delta(&ahead);
-    EXPECT_TRUE(total >= 5 && total < 1000 && delta >= 5 && delta < 1000) << total << ", " << delta;
-    EXPECT_GT(jumped, 0xFFFFFFFFu - 2000u);
+    EXPECT_GE(total, 5u);
+    EXPECT_LT(total, 1000u);
+    EXPECT_GE(delta, 5u);
+    EXPECT_LT(delta, 1000u);
+    EXPECT_GT(jumped, 0xFFFFFFFFu - 2000u) << "a clock that went back";
 }
 
 TEST(Sleep, SleepsAtLeastAndYieldReturns)
@@ -50,7 +61,8 @@ TEST(Sleep, SleepsAtLeastAndYieldReturns)
     auto t0 = steady_clock::now();
     EXPECT_EQ(tn_thread_sleep(40), 1);
     const auto slept = steady_clock::now() - t0;
-    EXPECT_TRUE(slept >= milliseconds(40) && slept < seconds(5)) << duration<double>(slept).count() << " s";
+    EXPECT_GE(slept, milliseconds(40));
+    EXPECT_LT(slept, seconds(5));
     t0 = steady_clock::now();
     EXPECT_EQ(tn_thread_sleep(0), 1);
     tn_thread_yield();

@@ -3,6 +3,7 @@
 
 #include "support/alloc.h"
 
+#include <cstring>
 #include <random>
 #include <string>
 #include <string_view>
@@ -18,8 +19,18 @@ class Csv : public tn_test::AllocTest {
 protected:
     tn_str_array values{};
     tn_uchar_array text{};
-    void SetUp() override { AllocTest::SetUp(), tn_str_array_init(&values), tn_array_init(&text, 1); }
-    void TearDown() override { tn_str_array_free(&values), tn_array_free(&text), AllocTest::TearDown(); }
+    void SetUp() override
+    {
+        AllocTest::SetUp();
+        tn_str_array_init(&values);
+        tn_array_init(&text, 1);
+    }
+    void TearDown() override
+    {
+        tn_str_array_free(&values);
+        tn_array_free(&text);
+        AllocTest::TearDown();
+    }
     strings got() // the values as they stand
     {
         char **e = reinterpret_cast<char **>(tn_str_array_get(&values));
@@ -31,45 +42,72 @@ protected:
 TEST_F(Csv, SplitUnescapes)
 {
     const struct { const char *text; strings values; } cases[] = {
-        {"a,b", {"a", "b"}}, {"a,", {"a", ""}}, {",", {"", ""}}, {"", {}}, // the empty text is no single empty value
-        {"a\\,b,c\\\\d", {"a,b", "c\\d"}}, {"a\\b", {"ab"}}, {"ab\\", {"ab"}}, // a trailing backslash is dropped
+        {"a,b", {"a", "b"}},
+        {"a,", {"a", ""}},
+        {",", {"", ""}},
+        {"", {}}, // the empty text is no single empty value
+        {"a\\,b,c\\\\d", {"a,b", "c\\d"}},
+        {"a\\b", {"ab"}},
+        {"ab\\", {"ab"}}, // a trailing backslash is dropped
     };
-    for (const auto &c : cases) EXPECT_TRUE(tn_csv_split(u(c.text), &values) && got() == c.values) << c.text;
-    EXPECT_TRUE(!tn_csv_split(nullptr, &values) && got().empty());
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_TRUE(tn_csv_split(u(c.text), &values));
+        EXPECT_EQ(got(), c.values);
+    }
+    EXPECT_FALSE(tn_csv_split(nullptr, &values));
+    EXPECT_EQ(got(), strings{});
 }
 
 TEST_F(Csv, MakeAndTheIncrementalFormAgreeAndRoundTrip)
 {
     const tn_uchar *two[] = {u("a,b"), u("c\\d")}, *empty[] = {u("")};
-    EXPECT_TRUE(tn_csv_make2(two, 2, &text) && joined() == "a\\,b,c\\\\d") << joined();
-    EXPECT_TRUE(tn_csv_make2(empty, 1, &text) && joined().empty() && tn_csv_make2(nullptr, 0, &text) && tn_csv_end(&text));
+    EXPECT_TRUE(tn_csv_make2(two, 2, &text));
+    EXPECT_EQ(joined(), "a\\,b,c\\\\d");
+    EXPECT_TRUE(tn_csv_make2(empty, 1, &text));
+    EXPECT_EQ(joined(), "");
+    EXPECT_TRUE(tn_csv_make2(nullptr, 0, &text));
+    EXPECT_TRUE(tn_csv_end(&text));
     std::mt19937 rng(5);
     for (int round = 0; round < 300; ++round) {
         strings model(1 + rng() % 5);
-        tn_array_truncate(&text), tn_str_array_truncate(&values);
+        tn_array_truncate(&text);
+        tn_str_array_truncate(&values);
         for (auto &v : model) {
             for (unsigned k = rng() % 4; k; --k) v += "ab,\\"[rng() % 4];
-            EXPECT_TRUE(tn_str_array_cato(&values, u(v)) && tn_csv_cat(&text, u(v)));
+            ASSERT_TRUE(tn_str_array_cato(&values, u(v)));
+            ASSERT_TRUE(tn_csv_cat(&text, u(v)));
         }
         ASSERT_TRUE(tn_csv_end(&text));
-        const std::string line = joined(); // one empty value joins to the empty text, which splits to no value
-        EXPECT_TRUE(tn_csv_make(&values, &text) && joined() == line) << "make differs from the incremental form";
-        EXPECT_TRUE(tn_csv_split(u(line), &values) && got() == (line.empty() ? strings{} : model)) << line;
+        const std::string line = joined();
+        SCOPED_TRACE(line);
+        EXPECT_TRUE(tn_csv_make(&values, &text));
+        EXPECT_EQ(joined(), line) << "make differs from the incremental form";
+        EXPECT_TRUE(tn_csv_split(u(line), &values));
+        EXPECT_EQ(got(), line.empty() ? strings{} : model) << "one empty value joins to the empty text";
     }
 }
 
 TEST_F(Csv, LastValueKnowsNoEscapes)
 {
     std::string t;
-    for (auto [in, last, rest] : {std::tuple{"a,b,c", "c", "a,b"}, {"ab", "ab", ""}, {"a,", "", "a"},
-                                  {"a\\,b", "b", "a\\"}}) {
-        t = in;
-        EXPECT_EQ(tn_csv_get_last_value(w(t)), w(t) + t.size() - std::string_view(last).size()) << in;
+    const struct { const char *text, *last, *rest; } cases[] = {
+        {"a,b,c", "c", "a,b"},
+        {"ab", "ab", ""},
+        {"a,", "", "a"},
+        {"a\\,b", "b", "a\\"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        t = c.text;
+        EXPECT_EQ(tn_csv_get_last_value(w(t)), w(t) + t.size() - std::strlen(c.last));
         tn_csv_remove_last_value(w(t));
-        EXPECT_EQ(t.c_str(), std::string(rest)) << in;
+        EXPECT_STREQ(t.c_str(), c.rest);
     }
     tn_csv_remove_last_value(nullptr); // ignored
-    EXPECT_TRUE(!tn_csv_get_last_value(nullptr) && !tn_csv_get_last_value(w(t = "")));
+    EXPECT_EQ(tn_csv_get_last_value(nullptr), nullptr);
+    t = "";
+    EXPECT_EQ(tn_csv_get_last_value(w(t)), nullptr);
 }
 
 TEST_F(Csv, OutOfMemoryIsCleanAndKeepsWhatWasFound)
@@ -77,16 +115,23 @@ TEST_F(Csv, OutOfMemoryIsCleanAndKeepsWhatWasFound)
     const strings all = {"one", "two,x", "three"};
     tn_test::sweep_alloc_failures([&] {
         const bool ok = tn_csv_split(u("one,two\\,x,three"), &values);
-        const strings v = got(); // on a failure, a beginning of the values
-        EXPECT_TRUE(ok ? v == all : v.size() < 3 && std::equal(v.begin(), v.end(), all.begin())) << v.size();
-        return tn_str_array_free(&values), ok;
+        const strings v = got();
+        if (ok) {
+            EXPECT_EQ(v, all);
+        } else {
+            EXPECT_LT(v.size(), 3u);
+            EXPECT_TRUE(std::equal(v.begin(), v.end(), all.begin())) << "not a beginning of the values";
+        }
+        tn_str_array_free(&values);
+        return ok;
     });
     const std::string big(300, 'z');
     const tn_uchar *two[] = {u("x,y"), u(big)};
     tn_test::sweep_alloc_failures([&] {
         const bool ok = tn_csv_make2(two, 2, &text);
         EXPECT_EQ(ok, !tn_array_failed(&text));
-        return tn_array_free(&text), ok;
+        tn_array_free(&text);
+        return ok;
     });
 }
 

@@ -33,13 +33,31 @@ struct IntFormat {
 #define ZNW(n, k, T) {#n, 8 * sizeof(T), k, true, CALL(tn_uchar, tn_str_fmt_##n(b, T(v), w)), \
                       CALL(tn_wchar, tn_wstr_fmt_##n(b, T(v), w))}
 const IntFormat int_formats[] = {
-    FN(int8, 'd', tn_int8), FNW(int16, 'd', tn_int16), FNW(int, 'd', tn_int32), FNW(int32, 'd', tn_int32),
-    FNW(int64, 'd', tn_int64), FN(uint8, 'u', tn_uint8), FNW(uint16, 'u', tn_uint16), FNW(uint, 'u', tn_uint32),
-    FNW(uint32, 'u', tn_uint32), FNW(uint64, 'u', tn_uint64), FN(xint8, 'x', tn_uint8), FNW(xint16, 'x', tn_uint16),
-    FNW(xint, 'x', tn_uint32), FNW(xint32, 'x', tn_uint32), FNW(xint64, 'x', tn_uint64), ZNW(0uint, 'u', tn_uint32),
-    ZN(0uint8, 'u', tn_uint8), ZNW(0uint16, 'u', tn_uint16), ZNW(0uint32, 'u', tn_uint32),
-    ZNW(0uint64, 'u', tn_uint64), ZNW(0xint, 'x', tn_uint32), ZN(0xint8, 'x', tn_uint8),
-    ZNW(0xint16, 'x', tn_uint16), ZNW(0xint32, 'x', tn_uint32), ZNW(0xint64, 'x', tn_uint64),
+    FN(int8, 'd', tn_int8),
+    FNW(int16, 'd', tn_int16),
+    FNW(int, 'd', tn_int32),
+    FNW(int32, 'd', tn_int32),
+    FNW(int64, 'd', tn_int64),
+    FN(uint8, 'u', tn_uint8),
+    FNW(uint16, 'u', tn_uint16),
+    FNW(uint, 'u', tn_uint32),
+    FNW(uint32, 'u', tn_uint32),
+    FNW(uint64, 'u', tn_uint64),
+    FN(xint8, 'x', tn_uint8),
+    FNW(xint16, 'x', tn_uint16),
+    FNW(xint, 'x', tn_uint32),
+    FNW(xint32, 'x', tn_uint32),
+    FNW(xint64, 'x', tn_uint64),
+    ZNW(0uint, 'u', tn_uint32),
+    ZN(0uint8, 'u', tn_uint8),
+    ZNW(0uint16, 'u', tn_uint16),
+    ZNW(0uint32, 'u', tn_uint32),
+    ZNW(0uint64, 'u', tn_uint64),
+    ZNW(0xint, 'x', tn_uint32),
+    ZN(0xint8, 'x', tn_uint8),
+    ZNW(0xint16, 'x', tn_uint16),
+    ZNW(0xint32, 'x', tn_uint32),
+    ZNW(0xint64, 'x', tn_uint64),
 };
 
 u64 mask(int bits) { return bits == 64 ? ~u64{0} : (u64{1} << bits) - 1; }
@@ -59,7 +77,10 @@ std::vector<u64> samples()
 {
     std::vector<u64> v{0, 1, ~u64{0}};
     for (int b = 1; b < 64; ++b)
-        for (u64 d : {u64{0}, u64{1}, ~u64{0}}) v.push_back((u64{1} << b) + d), v.push_back(~(u64{1} << b) + d);
+        for (u64 d : {u64{0}, u64{1}, ~u64{0}}) {
+            v.push_back((u64{1} << b) + d);
+            v.push_back(~(u64{1} << b) + d);
+        }
     for (u64 p = 10, last = 1; p > last; last = p, p *= 10)
         for (u64 d : {u64{0}, u64{1}, ~u64{0}}) v.push_back(p + d);
     std::mt19937_64 random(7);
@@ -88,7 +109,9 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
                 if (!f.wide) continue;
                 tn_wchar wide[40];
                 std::fill(std::begin(wide), std::end(wide), tn_wchar{0xA5A5});
-                ASSERT_TRUE(f.wide(wide, v, width) == n && f.wide(nullptr, v, width) == n && wide[n] == 0xA5A5);
+                ASSERT_EQ(f.wide(wide, v, width), n) << "wide";
+                ASSERT_EQ(f.wide(nullptr, v, width), n) << "wide, measuring";
+                ASSERT_EQ(wide[n], 0xA5A5) << "wide wrote behind the text";
                 ASSERT_TRUE(std::equal(narrow, narrow + n, wide)) << "wide text differs";
             }
     }
@@ -97,8 +120,11 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
 TEST(IntFormat, BoolWritesOneDigit)
 {
     tn_uchar b[2] = {0, canary};
-    EXPECT_TRUE(tn_str_fmt_bool(b, -7) == 1 && b[0] == '1');
-    EXPECT_TRUE(tn_str_fmt_bool(b, 0) == 1 && b[0] == '0' && b[1] == canary);
+    EXPECT_EQ(tn_str_fmt_bool(b, -7), 1u);
+    EXPECT_EQ(b[0], '1');
+    EXPECT_EQ(tn_str_fmt_bool(b, 0), 1u);
+    EXPECT_EQ(b[0], '0');
+    EXPECT_EQ(b[1], canary);
 }
 
 struct IntScan {
@@ -109,15 +135,26 @@ struct IntScan {
     tn_uint32 (*wide)(const tn_wchar *, u64 *);
 };
 #define SCAN(f, T) [](const auto *s, u64 *v) { T t; std::memcpy(&t, v, sizeof t); const tn_uint32 n = f(s, &t); \
-                                               *v = 0; return std::memcpy(v, &t, sizeof t), n; }
+                                               *v = 0; std::memcpy(v, &t, sizeof t); return n; }
 #define SN(n, k, T) {#n, 8 * sizeof(T), k, false, SCAN(tn_str_scan_##n, T), nullptr}
 #define SNW(n, k, T, keeps) {#n, 8 * sizeof(T), k, keeps, SCAN(tn_str_scan_##n, T), SCAN(tn_wstr_scan_##n, T)}
 const IntScan int_scans[] = {
-    SN(bool, 'b', tn_bool), SNW(int, 'd', tn_int32, true), SN(int8, 'd', tn_int8), SNW(int16, 'd', tn_int16, false),
-    SNW(int32, 'd', tn_int32, false), SNW(int64, 'd', tn_int64, true), SN(uint8, 'u', tn_uint8),
-    SNW(uint16, 'u', tn_uint16, false), SNW(uint, 'u', tn_uint32, false), SNW(uint32, 'u', tn_uint32, false),
-    SNW(uint64, 'u', tn_uint64, false), SNW(xint, 'x', tn_uint32, false), SN(xint8, 'x', tn_uint8),
-    SNW(xint16, 'x', tn_uint16, false), SNW(xint32, 'x', tn_uint32, false), SNW(xint64, 'x', tn_uint64, false),
+    SN(bool, 'b', tn_bool),
+    SNW(int, 'd', tn_int32, true),
+    SN(int8, 'd', tn_int8),
+    SNW(int16, 'd', tn_int16, false),
+    SNW(int32, 'd', tn_int32, false),
+    SNW(int64, 'd', tn_int64, true),
+    SN(uint8, 'u', tn_uint8),
+    SNW(uint16, 'u', tn_uint16, false),
+    SNW(uint, 'u', tn_uint32, false),
+    SNW(uint32, 'u', tn_uint32, false),
+    SNW(uint64, 'u', tn_uint64, false),
+    SNW(xint, 'x', tn_uint32, false),
+    SN(xint8, 'x', tn_uint8),
+    SNW(xint16, 'x', tn_uint16, false),
+    SNW(xint32, 'x', tn_uint32, false),
+    SNW(xint64, 'x', tn_uint64, false),
 };
 
 std::vector<std::string> scan_texts()
@@ -151,13 +188,15 @@ TEST(IntScan, AgreesWithAWrappingAccumulatorNarrowAndWide)
             const u64 want = text.empty() && f.keeps_on_empty ? untouched : f.kind == 'b' ? acc != 0 : acc & mask(f.bits);
             u64 got = untouched;
             const tn_uint32 n = f.narrow(u(text), &got);
-            ASSERT_TRUE(n == sign + digits.size() && got == want) << n << " characters, value " << got;
+            ASSERT_EQ(n, sign + digits.size()) << "characters taken";
+            ASSERT_EQ(got, want);
             if (!f.wide) continue;
             std::vector<tn_wchar> wide(text.begin(), text.end());
             for (tn_wchar &c : wide) c = static_cast<tn_uchar>(c);
             wide.push_back(0);
             got = untouched;
-            ASSERT_TRUE(f.wide(wide.data(), &got) == n && got == want) << "wide";
+            ASSERT_EQ(f.wide(wide.data(), &got), n) << "wide";
+            ASSERT_EQ(got, want) << "wide";
         }
 }
 
@@ -165,7 +204,10 @@ TEST(IntScan, WideDigitsOutsideAsciiEndTheScan)
 {
     const tn_wchar text[] = {'1', '2', 0x0131 /* low byte '1' */, 0}, high[] = {'f', 0x0166 /* low byte 'f' */, 0};
     tn_uint32 v = 0, x = 0;
-    EXPECT_TRUE(tn_wstr_scan_uint(text, &v) == 2 && v == 12 && tn_wstr_scan_xint(high, &x) == 1 && x == 15);
+    EXPECT_EQ(tn_wstr_scan_uint(text, &v), 2u);
+    EXPECT_EQ(v, 12u);
+    EXPECT_EQ(tn_wstr_scan_xint(high, &x), 1u);
+    EXPECT_EQ(x, 15u);
 }
 
 std::string ffmt(double v, bool single)
@@ -173,23 +215,39 @@ std::string ffmt(double v, bool single)
     tn_uchar b[32];
     std::memset(b, canary, sizeof b);
     const tn_uint32 n = single ? tn_str_fmt_float32(b, static_cast<float>(v)) : tn_str_fmt_float64(b, v);
-    EXPECT_TRUE(b[n] == canary && n <= (single ? 14u : 15u)) << n;
+    EXPECT_EQ(b[n], canary) << "wrote behind the text";
+    EXPECT_LE(n, single ? 14u : 15u);
     return std::string(reinterpret_cast<char *>(b), n);
 }
 
 TEST(FloatFormat, WorkedValues)
 {
     const struct { double v; bool single; const char *text; } cases[] = {
-        {1.5, true, "1.5000000"}, {-2.5, true, "-2.5000000"}, {1234.5, true, "1.2345000E3"},
-        {0.3, true, "3.0000001E-1"}, {0.0, true, "0"}, {-0.0, true, "0"}, {3.14159265358979, false, "3.1415926"},
-        {10.0, false, "1.0000000E1"}, {-1e10, false, "-1.0000000E10"}, {0.0, false, "0"}, {-0.0, false, "0"},
-        {0.01, false, "9.9999999E-3"}, {0.01, true, "9.9999997E-3"}, {0.001, false, "9.9999999E-4"},
-        {DBL_MAX, false, "1.7976931E308"}, {-DBL_MAX, false, "-1.7976931E308"},
-        {4.9406564584124654e-324, false, "4.9406564E-324"}, {FLT_MAX, true, "3.4028234E38"},
-        {-FLT_TRUE_MIN, true, "-1.4012984E-45"}, {INFINITY, false, "INF"}, {-INFINITY, true, "-INF"},
-        {NAN, false, "NaN"}, {NAN, true, "NaN"},
+        {1.5, true, "1.5000000"},
+        {-2.5, true, "-2.5000000"},
+        {1234.5, true, "1.2345000E3"},
+        {0.3, true, "3.0000001E-1"},
+        {0.0, true, "0"},
+        {-0.0, true, "0"},
+        {3.14159265358979, false, "3.1415926"},
+        {10.0, false, "1.0000000E1"},
+        {-1e10, false, "-1.0000000E10"},
+        {0.0, false, "0"},
+        {-0.0, false, "0"},
+        {0.01, false, "9.9999999E-3"},
+        {0.01, true, "9.9999997E-3"},
+        {0.001, false, "9.9999999E-4"},
+        {DBL_MAX, false, "1.7976931E308"},
+        {-DBL_MAX, false, "-1.7976931E308"},
+        {4.9406564584124654e-324, false, "4.9406564E-324"},
+        {FLT_MAX, true, "3.4028234E38"},
+        {-FLT_TRUE_MIN, true, "-1.4012984E-45"},
+        {INFINITY, false, "INF"},
+        {-INFINITY, true, "-INF"},
+        {NAN, false, "NaN"},
+        {NAN, true, "NaN"},
     };
-    for (const auto &c : cases) EXPECT_EQ(ffmt(c.v, c.single), c.text) << (c.single ? "float32" : "float64");
+    for (const auto &c : cases) EXPECT_EQ(ffmt(c.v, c.single), c.text) << (c.single ? "float32 " : "float64 ") << c.v;
 }
 
 // Eight truncated digits and the exponent of the leading digit, over every decade, at the powers of ten (where
@@ -217,7 +275,9 @@ TEST(FloatFormat, EightDigitsWithTheLeadingExponentEverywhereAndScanBack)
             const std::string text = ffmt(value, single);
             SCOPED_TRACE(text);
             const size_t lead = value < 0;
-            ASSERT_TRUE(text.size() >= lead + 9 && text[lead] != '0' && text[lead + 1] == '.');
+            ASSERT_GE(text.size(), lead + 9);
+            ASSERT_NE(text[lead], '0') << "the leading digit";
+            ASSERT_EQ(text[lead + 1], '.');
             ASSERT_EQ(text.find_first_not_of("0123456789", lead + 2), text.size() > lead + 9 ? lead + 9 : text.npos);
             // 2.1e-7: subnormals carry fewer significant bits than eight digits.
             ASSERT_LE(std::fabs(std::strtod(text.c_str(), nullptr) - value), 2.1e-7 * std::fabs(value)) << value;
@@ -232,11 +292,31 @@ TEST(FloatFormat, EightDigitsWithTheLeadingExponentEverywhereAndScanBack)
 TEST(FloatScan, Grammar)
 {
     const struct { const char *text; tn_uint32 n; double value; } cases[] = {
-        {"1.5", 3, 1.5}, {"-.5e-1", 6, 0.1 * -1.0 * 0.5}, {"12abc", 2, 12.0}, {"12,5", 2, 12.0}, {"1.e2", 4, 100.0},
-        {".e1", 3, 0.0}, {"+7E+1", 5, 70.0}, {"5.", 0, 0.0}, {"1e", 0, 0.0}, {"1e+", 0, 0.0}, {"-", 0, 0.0},
-        {".", 0, 0.0}, {"", 0, 0.0}, {"x1", 0, 0.0}, {"1.2.3", 0, 0.0}, {"1+2", 0, 0.0}, {"1e5e6", 0, 0.0},
-        {"--1", 0, 0.0}, {"1e-+2", 0, 0.0}, {"E5", 0, 0.0}, {"0e999999", 8, 0.0}, {"1e400", 5, INFINITY},
-        {"1e-400", 6, 0.0}, {"1e4294967297", 12, 10.0}, {"0.1234567890123", 15, 0.1234567890123},
+        {"1.5", 3, 1.5},
+        {"-.5e-1", 6, 0.1 * -1.0 * 0.5},
+        {"12abc", 2, 12.0},
+        {"12,5", 2, 12.0},
+        {"1.e2", 4, 100.0},
+        {".e1", 3, 0.0},
+        {"+7E+1", 5, 70.0},
+        {"5.", 0, 0.0},
+        {"1e", 0, 0.0},
+        {"1e+", 0, 0.0},
+        {"-", 0, 0.0},
+        {".", 0, 0.0},
+        {"", 0, 0.0},
+        {"x1", 0, 0.0},
+        {"1.2.3", 0, 0.0},
+        {"1+2", 0, 0.0},
+        {"1e5e6", 0, 0.0},
+        {"--1", 0, 0.0},
+        {"1e-+2", 0, 0.0},
+        {"E5", 0, 0.0},
+        {"0e999999", 8, 0.0},
+        {"1e400", 5, INFINITY},
+        {"1e-400", 6, 0.0},
+        {"1e4294967297", 12, 10.0},
+        {"0.1234567890123", 15, 0.1234567890123},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
@@ -244,12 +324,17 @@ TEST(FloatScan, Grammar)
         float f = 99;
         EXPECT_EQ(tn_str_scan_float64(u(c.text), &d), c.n);
         EXPECT_EQ(tn_str_scan_float32(u(c.text), &f), c.n);
-        EXPECT_TRUE(std::isinf(c.value) ? std::isinf(d) : std::fabs(d - c.value) <= 1e-15 * std::fabs(c.value)) << d;
+        if (std::isinf(c.value)) {
+            EXPECT_TRUE(std::isinf(d)) << d;
+        } else {
+            EXPECT_LE(std::fabs(d - c.value), 1e-15 * std::fabs(c.value)) << d;
+        }
         EXPECT_EQ(f, static_cast<float>(d));
     }
     double minus_zero = 1;
     EXPECT_EQ(tn_str_scan_float64(u("-0e500"), &minus_zero), 6u);
-    EXPECT_TRUE(std::signbit(minus_zero) && minus_zero == 0);
+    EXPECT_EQ(minus_zero, 0);
+    EXPECT_TRUE(std::signbit(minus_zero));
 }
 
 } // namespace
