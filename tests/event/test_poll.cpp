@@ -1,10 +1,8 @@
 #include <tarnel_util/tn_poll.h>
 #include <tarnel_util/tn_time.h>
-
 #include "support/alloc.h"
 #include "support/socket_pair.h"
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
@@ -17,7 +15,6 @@ namespace {
 using Pair = tn_test::SocketPair;
 using steady = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
 struct Poll : tn_test::AllocTest {
     tn_poll p{};
     void SetUp() override
@@ -104,9 +101,7 @@ TEST_F(Poll, CancelFromAnotherThreadWakesTheWaitAtOnce)
     Pair idle;
     for (int with_socket = 0; with_socket < 2; ++with_socket) {
         SCOPED_TRACE(with_socket ? "one idle socket" : "empty set");
-        if (with_socket) {
-            ASSERT_TRUE(tn_poll_set(&p, idle.ours, TN_POLL_READ));
-        }
+        if (with_socket) { ASSERT_TRUE(tn_poll_set(&p, idle.ours, TN_POLL_READ)); }
         double worst = 0;
         for (int round = 0; round < 10; ++round) {
             std::atomic<bool> waiting{false};
@@ -202,9 +197,7 @@ TEST_F(Poll, WaitsSeeDataOrderlyCloseAndDeadlines)
 TEST_F(Poll, ErrorsAreWatchedWithoutBeingAsked)
 {
     int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof addr;
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), len), 0);
     ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len), 0);
@@ -259,5 +252,4 @@ TEST_F(Poll, LargeSetsHaveNoSixtyFourLimitFailCleanlyAndWaitWithoutAllocating)
     for (int i = 0; i < 20; ++i) check(0, &count);
     EXPECT_EQ(tn_test::allocations(), 0) << "a steady-state wait allocated";
 }
-
 } // namespace

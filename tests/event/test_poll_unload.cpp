@@ -1,23 +1,17 @@
-// A thread that has waited in a poll keeps a wake handle that the library
-// closes when the thread ends. The library may be unloaded before such a
-// thread ends, and must then leave nothing of its own to run at that end.
-// This executable does not link the library, so that dlclose unloads it.
+// A thread that has waited in a poll keeps a wake handle that the library closes when the thread ends. The library
+// may be unloaded before such a thread ends, and must then leave nothing of its own to run at that end. This
+// executable does not link the library, so that dlclose unloads it.
 #include <tarnel_util/tn_poll.h>
-
 #include <gtest/gtest.h>
-
 #include <dlfcn.h>
-
 #include <cstdlib>
 #include <future>
 #include <thread>
 
 namespace {
-
 template <class F> F *symbol(void *library, const char *name) { return reinterpret_cast<F *>(dlsym(library, name)); }
 
-// The exit code tells what went wrong; a crash at the thread's end is what
-// the test is about.
+// The exit code tells what went wrong; a crash at the thread's end is what the test is about.
 int wait_once_then_outlive_the_library()
 {
     void *library = dlopen(TN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
@@ -30,7 +24,9 @@ int wait_once_then_outlive_the_library()
     std::thread waiter([&] {
         tn_poll poll;
         tn_uint32 count;
-        create(&poll), check(&poll, 0, &count), free(&poll);
+        create(&poll);
+        check(&poll, 0, &count);
+        free(&poll);
         waited.set_value();
         unloaded.get_future().wait();
     });
@@ -45,5 +41,4 @@ TEST(PollUnload, AThreadThatWaitedMayEndAfterTheLibraryIsUnloaded)
 {
     EXPECT_EXIT(std::exit(wait_once_then_outlive_the_library()), testing::ExitedWithCode(0), "");
 }
-
 } // namespace

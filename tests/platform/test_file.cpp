@@ -1,10 +1,9 @@
 #include <tarnel_util/tn_file.h>
 #include <tarnel_util/tn_time.h>
-
+#include "support/alloc.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -12,12 +11,8 @@
 #include <set>
 #include <string>
 
-#include "support/alloc.h"
-
 namespace fs = std::filesystem;
-
 namespace {
-
 const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
 const tn_uchar *u(const std::string &s) { return u(s.c_str()); }
 
@@ -46,7 +41,6 @@ protected:
     void put(const std::string &name, const std::string &text) const { std::ofstream(at(name)) << text; }
     std::string dir;
 };
-
 TEST_F(FileTest, OpenModesKeepTheirExistAndContentsRules)
 {
     using opener = tn_bool (*)(tn_file *, const tn_uchar *);
@@ -76,9 +70,7 @@ TEST_F(FileTest, OpenModesKeepTheirExistAndContentsRules)
                 EXPECT_EQ(file, TN_FILE_INVALID);
             }
             EXPECT_EQ(fs::exists(at("f")), exists || opens);
-            if (exists) {
-                EXPECT_EQ(slurp(at("f")), c.after);
-            }
+            if (exists) { EXPECT_EQ(slurp(at("f")), c.after); }
             fs::remove(at("f"));
         }
     }
@@ -105,7 +97,6 @@ TEST_F(FileTest, WriteSeekReadRoundTripWithPartialReadAtEnd)
     EXPECT_EQ(count, 0u) << "with count 0";
     EXPECT_TRUE(tn_file_seek_pos(file, &position));
     EXPECT_EQ(position, 10000u);
-
     // Positions past 4 GiB need 64 bits all the way through.
     const tn_uint64 far = (5ull << 30) + 3;
     tn_file_status status;
@@ -119,7 +110,6 @@ TEST_F(FileTest, WriteSeekReadRoundTripWithPartialReadAtEnd)
     EXPECT_TRUE(tn_file_flush(file));
     EXPECT_TRUE(tn_file_close(file));
     EXPECT_TRUE(tn_file_close(TN_FILE_INVALID));
-
     tn_uint32 read = 77, written = 77; // a failed transfer writes a count of 0 too
     EXPECT_FALSE(tn_file_read(-1, block, 1, &read));
     EXPECT_EQ(read, 0u);
@@ -159,7 +149,6 @@ TEST_F(FileTest, RenameAcrossFileSystemsCopies)
     ASSERT_TRUE(mkdtemp(name));
     const std::string other = name, target = other + "/t";
     const tn_time stamp = 1000000000;
-
     // A failure on the way leaves the source, the old target and no temporary file.
     auto attempt = [&]() {
         put("src", std::string(100000, 'q'));
@@ -190,21 +179,21 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
     ASSERT_TRUE(tn_dir_make(u(at("d"))));
     EXPECT_FALSE(tn_dir_make(u(at("d")))) << "exists";
     EXPECT_FALSE(tn_dir_make(u(at("no/such"))));
+    const struct { const char *name; bool exists, file, dir; tn_uint64 size; } cases[] = {
+        {"f", true, true, false, 100},
+        {"d", true, false, true, 0},
+        {"none", false, false, false, 0},
+    };
     tn_file_status status;
-    ASSERT_TRUE(tn_file_get_status(u(at("f")), &status));
-    EXPECT_EQ(status.directory, 0u);
-    EXPECT_EQ(status.size, 100u);
-    ASSERT_TRUE(tn_file_get_status(u(at("d")), &status));
-    EXPECT_EQ(status.directory, 16u);
-    EXPECT_EQ(status.size, 0u);
-    EXPECT_FALSE(tn_file_get_status(u(at("none")), &status));
-    EXPECT_TRUE(tn_file_is_file(u(at("f"))));
-    EXPECT_FALSE(tn_file_is_file(u(at("d"))));
-    EXPECT_FALSE(tn_file_is_file(u(at("none"))));
-    EXPECT_TRUE(tn_file_is_dir(u(at("d"))));
-    EXPECT_FALSE(tn_file_is_dir(u(at("f"))));
-    EXPECT_FALSE(tn_file_is_dir(u(at("none"))));
-
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(tn_file_is_file(u(at(c.name))), c.file ? 1 : 0);
+        EXPECT_EQ(tn_file_is_dir(u(at(c.name))), c.dir ? 1 : 0);
+        ASSERT_EQ(tn_file_get_status(u(at(c.name)), &status), c.exists ? 1 : 0);
+        if (!c.exists) continue;
+        EXPECT_EQ(status.directory, c.dir ? 16u : 0u);
+        EXPECT_EQ(status.size, c.size);
+    }
     // The time goes through a handle opened for writing, which a directory refuses.
     for (tn_time t : {tn_time{0}, tn_time{1234567890}, tn_time{4102444800}}) {
         EXPECT_TRUE(tn_file_set_time(u(at("f")), &t)) << t;
@@ -214,14 +203,12 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
     const tn_time t = 5;
     EXPECT_FALSE(tn_file_set_time(u(at("none")), &t));
     EXPECT_FALSE(tn_file_set_time(u(at("d")), &t));
-
     tn_file_system_status system;
     ASSERT_TRUE(tn_file_get_system_status(u(at("f")), &system));
     EXPECT_GT(system.total, 0u);
     EXPECT_LE(system.free, system.total);
     EXPECT_EQ(system.used, system.total - system.free);
     EXPECT_FALSE(tn_file_get_system_status(u(at("none")), &system));
-
     // A directory is no file to remove, nor is a file removed twice.
     EXPECT_FALSE(tn_file_remove(u(at("d"))));
     EXPECT_TRUE(tn_dir_remove(u(at("d"))));
@@ -234,13 +221,9 @@ TEST_F(FileTest, StatusTellsFilesFromDirectoriesAndKeepsSetTime)
 TEST_F(FileTest, DirectoryListingSkipsOnlyDotAndDotDot)
 {
     const std::set<std::string> names = {"plain", ".hidden", "sub", "\xc3\xbcn\xc3\xaf \xe2\x82\xac.txt"}, none;
-    for (const std::string &n : names) {
-        if (n == "sub") {
-            fs::create_directory(at(n));
-        } else {
-            put(n, "");
-        }
-    }
+    for (const std::string &n : names)
+        if (n == "sub") fs::create_directory(at(n));
+        else put(n, "");
     const struct { std::string path; std::set<std::string> want; } cases[] = {
         {dir, names},
         {dir + "/", names},
@@ -317,5 +300,4 @@ TEST(FileNames, SuffixAndAbsolutePath)
         EXPECT_FALSE(tn_file_is_absolute_path(u(relative))) << relative;
     EXPECT_STREQ(reinterpret_cast<const char *>(tn_file_get_invalid_file_name_chars()), "\"<>|:*?/\\");
 }
-
 } // namespace

@@ -3,16 +3,12 @@
 // outside the child ever sees it. That needs root (CI runs as root); the
 // tests skip elsewhere.
 #include <tarnel_util/tn_ip.h>
-
 #include "support/alloc.h"
-
 #include <gtest/gtest.h>
-
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -20,9 +16,7 @@
 #include <vector>
 
 namespace {
-
 constexpr int no_namespace = 77;
-
 const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
 
 std::vector<std::string> texts_of(const tn_ip_array &a)
@@ -87,10 +81,7 @@ protected:
 TEST_F(Resolver, NamesWithLongAliasListsResolveUnderBothResolvers)
 {
     with_hosts_file("127.0.0.1 localhost\n" + big_host_line("10.1.2.3", "big.test"), [] {
-        const struct {
-            const char *name;
-            std::vector<std::string> texts;
-        } cases[] = {
+        const struct { const char *name; std::vector<std::string> texts; } cases[] = {
             {"big.test", {"10.1.2.3 80"}},
             {"alias-199-xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", {"10.1.2.3 80"}},
             {"small.test", {}},
@@ -119,9 +110,7 @@ TEST_F(Resolver, BuiltinLookupSurvivesEveryFailedAllocation)
             tn_ip_array a;
             tn_array_init(&a, sizeof(tn_ip));
             const bool ok = tn_ip_by_name(&a, u("big.test"), 7);
-            if (ok) {
-                EXPECT_EQ(texts_of(a), std::vector<std::string>{"10.9.8.7 7"});
-            }
+            if (ok) { EXPECT_EQ(texts_of(a), std::vector<std::string>{"10.9.8.7 7"}); }
             tn_array_free(&a);
             return ok;
         });
@@ -129,5 +118,4 @@ TEST_F(Resolver, BuiltinLookupSurvivesEveryFailedAllocation)
         EXPECT_GE(made, 4);
     });
 }
-
 } // namespace

@@ -1,13 +1,10 @@
 #include <tarnel_util/tn_socket.h>
-
 #include "support/alloc.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <csignal>
 #include <string>
@@ -16,7 +13,6 @@
 #include <vector>
 
 namespace {
-
 using bytes = std::vector<unsigned char>;
 
 tn_ip ip_of(const char *text)
@@ -150,7 +146,6 @@ TEST_F(Socket, PartialSendsAndSendFileResumeWhereAFullSocketStopped)
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(where(), 0u) << "the file moved though nothing was sent";
     expect_pattern(c.server, filled, 0);
-
     // The peer does not read yet: the first call stops short, with success.
     const tn_uint64 start = (1 << 20) + 123, total = 3 << 19;
     ASSERT_TRUE(tn_socket_send_file(c.client, file, start, total, &count));
@@ -163,7 +158,6 @@ TEST_F(Socket, PartialSendsAndSendFileResumeWhereAFullSocketStopped)
         ASSERT_NE(count, 0u) << "a writable socket took nothing at " << start + done;
     }
     reader.join();
-
     // The end of a file, or of a pipe (copied, as it cannot splice, and
     // sent from where it stands, as position 0 means), ends a call.
     EXPECT_TRUE(tn_socket_send_file(c.client, file, size - 100, 1000, &count));
@@ -271,7 +265,6 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
     EXPECT_FALSE(tn_socket_bind(b, &shared));
     EXPECT_EQ(tn_socket_get_last_error(), TN_SOCKET_ERROR_ADDRESS_IN_USE);
     EXPECT_TRUE(tn_socket_bind_reuse(b, &shared));
-
     tn_uint32 count = 0;
     ASSERT_TRUE(tn_socket_send_to(a, "hello", 5, &shared, &count));
     EXPECT_EQ(count, 5u);
@@ -282,7 +275,6 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
     ASSERT_TRUE(tn_socket_recv_from(both[0].revents ? a : b, text, sizeof text, &from, &count));
     EXPECT_EQ(std::string(text, count), "hello");
     EXPECT_TRUE(tn_ip_equal(&from, &shared));
-
     // The port does not count, a wildcard serves any family, and a socket
     // whose address cannot be read serves nothing.
     ASSERT_TRUE(tn_socket_udp(&wild, &any));
@@ -299,7 +291,6 @@ TEST_F(Socket, DatagramsBindReuseAndFindIp)
     tn_array_free(&sockets);
     for (tn_socket s : {a, b, wild}) tn_socket_close(s);
 }
-
 } // namespace
 
 // A full socket leaves the copying road holding a chunk read from the file; a pipe cannot be put back behind it,

@@ -1,7 +1,5 @@
 #include <tarnel_util/tn_time.h>
-
 #include <gtest/gtest.h>
-
 #include <chrono>
 #include <ctime>
 
