@@ -8,32 +8,21 @@ namespace {
 std::vector<tn_uint32> asked; // the sizes the handler was asked for
 std::vector<void *> freed;
 
-// Handlers that log every call, refuse 1000 bytes or more, and fill blocks with 0x5A so that copies show.
-void *logging_alloc(tn_uint32 n)
-{
-    asked.push_back(n);
-    return n >= 1000 ? nullptr : std::memset(std::malloc(n), 0x5A, n);
-}
-void logging_free(void *block)
-{
-    freed.push_back(block);
-    std::free(block);
-}
-
+// Handlers that log every call, refuse 1000 bytes or more, and fill blocks with 0x5A so that copies show; the
+// counting hooks come back at the end.
 struct Alloc : tn_test::AllocTest {
     void SetUp() override
     {
         AllocTest::SetUp();
         asked.clear();
         freed.clear();
-        tn_alloc_set_alloc_handler(logging_alloc);
-        tn_alloc_set_free_handler(logging_free);
+        tn_alloc_set_alloc_handler([](tn_uint32 n) -> void * {
+            asked.push_back(n);
+            return n >= 1000 ? nullptr : std::memset(std::malloc(n), 0x5A, n);
+        });
+        tn_alloc_set_free_handler([](void *block) { freed.push_back(block); std::free(block); });
     }
-    void TearDown() override
-    {
-        tn_test::install_counting_hooks();
-        AllocTest::TearDown();
-    }
+    void TearDown() override { tn_test::install_counting_hooks(); AllocTest::TearDown(); }
 };
 
 TEST_F(Alloc, SizeZeroAsksForOneByteAndZeroClears)

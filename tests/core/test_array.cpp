@@ -13,12 +13,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using ArrayTest = tn_test::AllocTest;
 
-tn_array make(tn_uint32 element_size)
-{
-    tn_array a;
-    tn_array_init(&a, element_size);
-    return a;
-}
+tn_array make(tn_uint32 element_size) { tn_array a; tn_array_init(&a, element_size); return a; }
 Bytes raw(const tn_array &a) { return a.length ? Bytes(a.data, a.data + a.length) : Bytes(); }
 template <class T> Bytes flat(const std::vector<T> &v)
 {
@@ -395,24 +390,23 @@ TEST_F(ArrayTest, PointerArraysStoreLowBytesAndFindByValue)
         tn_array_free(&a);
     }
 }
-} // namespace
-
-namespace {
-
-// Every count divides by the element size, and a source is read in its own
-// element size: an array without one, and a source of another size, are
-// refused with 0 instead of dividing by zero or reading the wrong span.
+// Every count divides by the element size, and a source is read in its own element size: an array without one, and
+// a source of another size, are refused with 0 instead of dividing by zero or reading the wrong span.
 TEST_F(ArrayTest, SizelessArraysAndSourcesOfAnotherSizeAreRefused)
 {
-    const tn_uint32 three[] = {1, 2, 3}, key = 2;
+    static const tn_uint32 three[] = {1, 2, 3}, key = 2;
     tn_array none = make(0);
+    using Op = std::function<tn_int64(tn_array *)>;
+#define OP(call) #call, [](tn_array *a) -> tn_int64 { return tn_array_##call; }
+    const struct { const char *what; Op op; tn_int64 result; } calls[] = {
+        {OP(failed(a)), 1}, {OP(catn(a, three, 1)), 0}, {OP(insertn(a, three, 1, 0)), 0}, {OP(length(a)), 0},
+        {OP(bytes(a)), 0}, {OP(find(a, &key)), 0}, {OP(get_pos(a, 0) != nullptr), 0}, {OP(get_end(a) != nullptr), 0},
+        {OP(allocate(a, 1) != nullptr), 0}, {OP(remove_end(a)), 0}, {OP(sort(a, tn_array_comparator_default, &a->element_size)), 0},
+        {OP(inserto_in_sort(a, &key, tn_array_comparator_default, &a->element_size)), 0}, {OP(length(a)), 0},
+    };
+#undef OP
     for (const char *when : {"after init", "after free"}) {
-        SCOPED_TRACE(when);
-        EXPECT_TRUE(tn_array_failed(&none) && !tn_array_catn(&none, three, 1) && !tn_array_insertn(&none, three, 1, 0));
-        EXPECT_TRUE(!tn_array_length(&none) && !tn_array_bytes(&none) && !tn_array_find(&none, &key));
-        EXPECT_TRUE(!tn_array_get_pos(&none, 0) && !tn_array_get_end(&none) && !tn_array_allocate(&none, 1));
-        EXPECT_TRUE(!tn_array_remove_end(&none) && !tn_array_sort(&none, tn_array_comparator_default, &none.element_size));
-        EXPECT_TRUE(!tn_array_inserto_in_sort(&none, &key, tn_array_comparator_default, &none.element_size) && none.length == 0);
+        for (const auto &c : calls) EXPECT_EQ(c.op(&none), c.result) << c.what << " " << when;
         tn_array_free(&none);
     }
     const struct { const char *call; tn_uint32 destination, source; bool insert; } rows[] = {
@@ -421,11 +415,13 @@ TEST_F(ArrayTest, SizelessArraysAndSourcesOfAnotherSizeAreRefused)
     };
     for (const auto &row : rows) {
         tn_array d = make(row.destination), s = make(row.source);
-        tn_array_catn(&d, three, 2), tn_array_catn(&s, three, 1);
+        tn_array_catn(&d, three, 2);
+        tn_array_catn(&s, three, 1);
         const Bytes before = raw(d);
         EXPECT_FALSE(row.insert ? tn_array_insert(&d, &s, 0) : tn_array_cat(&d, &s)) << row.call;
         EXPECT_EQ(raw(d), before) << row.call << ": the destination changed";
-        tn_array_free(&d), tn_array_free(&s);
+        tn_array_free(&d);
+        tn_array_free(&s);
     }
 }
 

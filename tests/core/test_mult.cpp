@@ -1,13 +1,11 @@
 // Checked multiplication against the exact product in 128 bits.
 #include <tarnel_util/tn_mult.h>
-
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
 #include <vector>
 
 namespace {
-
 __extension__ typedef __int128 wide;
 __extension__ typedef unsigned __int128 uwide;
 
@@ -45,5 +43,4 @@ TEST(Mult, AgainstTheExactProduct)
     sweep<tn_uint32>(tn_uint32_mult);
     sweep<tn_uint64>(tn_uint64_mult);
 }
-
 } // namespace

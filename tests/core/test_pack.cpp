@@ -1,13 +1,10 @@
 #include <tarnel_util/tn_pack.h>
-
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <random>
 
 namespace {
-
 // Packs at every offset from 0 to 8 and compares with the value's bytes on this little-endian host (reversed
 // for the big forms), then unpacks; the bytes around the value stay. Float bit patterns move unchanged: a NaN
 // with a payload, a negative zero and signalling NaNs among them, which a conversion would alter.
@@ -22,9 +19,9 @@ void check(void (*pack)(tn_uchar *, T), void (*unpack)(const tn_uchar *, T *), b
         T v, got;
         std::memcpy(&v, &bits, sizeof v);
         tn_uchar buf[24], want[24];
+        const unsigned off = i % 9;
         std::memset(buf, 0xEE, sizeof buf);
         std::memset(want, 0xEE, sizeof want);
-        const unsigned off = i % 9;
         std::memcpy(want + off, &v, sizeof v);
         if (big) std::reverse(want + off, want + off + sizeof v);
         pack(buf + off, v);
@@ -52,5 +49,4 @@ TEST(Pack, EveryFormWritesItsByteOrderAtAnyAlignmentAndReadsItBack)
     EXPECT_EQ(tn_endian_is_big(), 0);
     EXPECT_EQ(tn_endian_get(), 1);
 }
-
 } // namespace

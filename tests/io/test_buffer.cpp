@@ -1,8 +1,6 @@
 #include <tarnel_util/tn_input_buffer.h>
 #include <tarnel_util/tn_output_buffer.h>
-
 #include <gtest/gtest.h>
-
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -10,12 +8,10 @@
 #include <vector>
 
 namespace {
-
 const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
 std::string s(const tn_uchar *text) { return reinterpret_cast<const char *>(text); }
 
-// A buffer over a source that hands out its text in chunks of the sizes
-// given, in turn, and can be told to fail at its Nth call.
+// A buffer over a source that hands out its text in chunks of the sizes given, in turn, and can fail its Nth call.
 struct Reader {
     std::string text;
     std::vector<tn_uint32> chunks;
@@ -30,11 +26,9 @@ struct Reader {
     {
         auto *r = static_cast<Reader *>(context);
         if (++r->calls == r->fail_at) return 0;
-        const tn_uint32 k = std::min<tn_uint32>(
-            {r->chunks[(r->calls - 1) % r->chunks.size()], capacity, static_cast<tn_uint32>(r->text.size() - r->at)});
-        std::memcpy(d, r->text.data() + r->at, k);
-        r->at += k;
-        *count = k;
+        *count = std::min<tn_uint32>({r->chunks[(r->calls - 1) % r->chunks.size()], capacity, tn_uint32(r->text.size() - r->at)});
+        std::memcpy(d, r->text.data() + r->at, *count);
+        r->at += *count;
         return 1;
     }
     bool sound() const { return b.position + b.available == b.length && b.position <= b.length; }
@@ -59,8 +53,7 @@ struct Writer {
     }
 };
 
-// Lines as the reader defines them: segments between line feeds, empty
-// ones skipped, one trailing CR dropped.
+// Lines as the reader defines them: segments between line feeds, empty ones skipped, one trailing CR dropped.
 std::vector<std::string> model_lines(const std::string &text)
 {
     std::vector<std::string> lines;
@@ -70,8 +63,8 @@ std::vector<std::string> model_lines(const std::string &text)
     return lines;
 }
 
-// Every storage size from none to larger than the text, every chunking. The
-// copy's output has that size too; its input a byte at least, as none feeds nothing.
+// Every storage size from none to larger than the text, every chunking. The copy's output has that size too; its
+// input a byte at least, as none feeds nothing.
 TEST(InputBuffer, LinesBytesAndCopiesAgreeWithTheModelForEveryStorageAndChunking)
 {
     std::mt19937 random(1);
@@ -103,8 +96,8 @@ TEST(InputBuffer, LinesBytesAndCopiesAgreeWithTheModelForEveryStorageAndChunking
     }
 }
 
-// A line or token of the size or more fails and stays consumed; a byte 0
-// ends one too; a CR ending a line goes, but counts towards the size.
+// A line or token of the size or more fails and stays consumed; a byte 0 ends one too; a CR ending a line goes,
+// but counts towards the size.
 TEST(InputBuffer, ListedLineAndTokenCases)
 {
     const struct { std::string text; tn_uint32 size; const char *delimiters; std::vector<std::string> got; } cases[] = {
@@ -209,8 +202,8 @@ TEST(OutputBuffer, WritesHandOverTheListedPiecesAndFailedFlushesKeepTheirBytes)
         EXPECT_EQ(w.data.size(), c.held + c.n);
     }
 
-    // A failed flush keeps the held bytes; an empty storage passes plain
-    // writes on and refuses align ones, rather than loop.
+    // A failed flush keeps the held bytes; an empty storage passes plain writes on and refuses align ones, rather
+    // than loop.
     Writer w(16);
     EXPECT_TRUE(tn_output_buffer_writes(&w.b, u("held")));
     w.fail_at = 1;

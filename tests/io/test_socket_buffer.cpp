@@ -1,16 +1,11 @@
 #include <tarnel_util/tn_input_buffer.h>
 #include <tarnel_util/tn_output_buffer.h>
 #include <tarnel_util/tn_time.h>
-
 #include <gtest/gtest.h>
-
 #include "support/socket_pair.h"
-
-#include <arpa/inet.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -19,12 +14,10 @@
 
 namespace {
 using Pair = tn_test::SocketPair;
-
 using std::chrono::milliseconds;
 
 // A connected TCP pair on loopback; the library's end is non-blocking.
-class SocketBuffer : public ::testing::Test {
-protected:
+struct SocketBuffer : ::testing::Test {
     Pair pair{Pair::kind::tcp};
     tn_poll poll{};
     tn_uchar storage[4096];
@@ -59,8 +52,8 @@ TEST_F(SocketBuffer, LinesArriveInPiecesAndThePeersCloseEndsTheStream)
     EXPECT_EQ(n, 0u) << "the close is seen again";
 }
 
-// A read waits once for its time-out (two waits take 800 ms), 0 looks once. A call
-// cancelled before fails even if it need not wait; one blocked ends within a slice.
+// A read waits once for its time-out (two waits take 800 ms), 0 looks once. A call cancelled before fails even if
+// it need not wait; one blocked ends within a slice.
 TEST_F(SocketBuffer, AWaitEndsAtItsTimeOutOrACancel)
 {
     tn_socket_input_buffer in;

@@ -1,24 +1,16 @@
-// A send that reports 0 bytes taken has made no progress, and trying again
-// makes none either. The kernel does not do that on a stream socket, so this
-// executable stands in for send; the library's calls bind to this definition.
+// A send that reports 0 bytes taken has made no progress, and trying again makes none either. The kernel does not
+// do that on a stream socket, so this executable stands in for send; the library's calls bind to this definition.
 #include <tarnel_util/tn_output_buffer.h>
-
 #include <gtest/gtest.h>
-
 #include "support/socket_pair.h"
-
 #include <cerrno>
 #include <dlfcn.h>
 #include <sys/socket.h>
 
 namespace {
-
-int stalled = -1; // the descriptor whose sends report 0 bytes
-int stalled_calls = 0;
-// Past this many calls the stand-in fails the send, so that a loop which
-// would spin forever ends and the test can report it.
+int stalled = -1, stalled_calls = 0; // the descriptor whose sends report 0 bytes, and how often it was tried
+// Past this many calls the stand-in fails the send, so that a loop which would spin forever ends and is reported.
 constexpr int spin_limit = 1000;
-
 } // namespace
 
 extern "C" ssize_t send(int fd, const void *source, size_t n, int flags)
