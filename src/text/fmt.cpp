@@ -92,7 +92,22 @@ void store_tail(tn_uchar *p, tn_uint64 text, tn_uint32 n)
         std::memcpy(p, &text, 8);
         return;
     }
-    for (tn_uint32 i = 0; i < n; ++i) p[i] = static_cast<tn_uchar>(text >> (8 * (8 - n + i)));
+    // The n characters to the low bytes, then out in pieces of four, two
+    // and one: at most three stores, none past the text.
+    tn_uint64 rest = text >> (8 * (8 - n));
+    if (n & 4) {
+        const auto four = static_cast<tn_uint32>(rest);
+        std::memcpy(p, &four, 4);
+        p += 4;
+        rest >>= 32;
+    }
+    if (n & 2) {
+        const auto two = static_cast<tn_uint16>(rest);
+        std::memcpy(p, &two, 2);
+        p += 2;
+        rest >>= 16;
+    }
+    if (n & 1) *p = static_cast<tn_uchar>(rest);
 }
 
 // Narrow text whose fill and digits fit in the type's longest text comes
