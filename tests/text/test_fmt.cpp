@@ -96,7 +96,7 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
         // in a record of its size): nothing goes past them, not even in passing. On the heap, for AddressSanitizer.
         const size_t longest = reference(f, f.kind == 'd' ? u64{1} << (f.bits - 1) : ~u64{0}, 0).size();
         for (u64 v : values)
-            for (tn_uint32 width : f.filled ? std::vector<tn_uint32>{0, 1, 3, 8, 21} : std::vector<tn_uint32>{0}) {
+            for (tn_uint32 width : f.filled ? std::vector<tn_uint32>{0, 1, 3, 8, 16, 21} : std::vector<tn_uint32>{0}) {
                 const std::string want = reference(f, v, width);
                 SCOPED_TRACE(std::string(f.name) + " of " + want + " width " + std::to_string(width));
                 tn_uchar narrow[40];
