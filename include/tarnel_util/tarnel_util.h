@@ -35,5 +35,7 @@
 #include "tn_socket.h"
 #include "tn_input_buffer.h"
 #include "tn_output_buffer.h"
+#include "tn_mime_type.h"
+#include "tn_http_vocab.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
