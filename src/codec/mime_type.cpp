@@ -36,8 +36,7 @@ const U *skip_blanks(const U *s)
 const U *parameter_value(const U *mime, const U *name)
 {
     for (const U *at = find(mime, ';'); at; at = find(at, ';')) {
-        at = skip_blanks(at + 1);
-        if (!*at) return nullptr;
+        at = skip_blanks(at + 1); // at the end no "=" and no ";" can follow
         const U *equals = behind_prefix(at, name);
         if (equals && *equals == '=') return equals + 1;
     }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -138,7 +137,7 @@ TEST(HttpVocab, MethodsAndHeaderNamesAreTheirTextsAtOneAddress)
     }
 }
 
-TEST(HttpVocab, StatusCodesGiveTheirPhrasesAndClass)
+TEST(HttpVocab, StatusCodesAreTheirTextsWithTheirPhrases)
 {
     for (const status_row &s : statuses) {
         SCOPED_TRACE(s.code);
@@ -146,10 +145,6 @@ TEST(HttpVocab, StatusCodesGiveTheirPhrasesAndClass)
         EXPECT_EQ(str(first), s.code);
         EXPECT_EQ(s.fn(), first);
         EXPECT_EQ(str(tn_http_server_get_reason(first, nullptr)), s.phrase);
-        char copy[4];
-        std::memcpy(copy, s.code, sizeof copy);
-        EXPECT_EQ(str(tn_http_server_get_reason(u(copy), nullptr)), s.phrase) << "found by its text";
-        for (int k = 0; k < 5; ++k) EXPECT_EQ(class_tests[k](first), s.code[0] == '1' + k) << "class " << k + 1;
     }
 }
 
@@ -192,7 +187,8 @@ TEST(HttpVocab, ClassTestsReadTheFirstCharacterOnly)
 {
     for (int c = 1; c < 256; ++c) {
         const char text[] = {static_cast<char>(c), '9', '9', 0};
-        for (int k = 0; k < 5; ++k) ASSERT_EQ(class_tests[k](u(text)), c == '1' + k) << "class " << k + 1 << " of " << c;
+        for (int k = 0; k < 5; ++k)
+            ASSERT_EQ(class_tests[k](u(text)), c == '1' + k) << "class " << k + 1 << " of " << c;
     }
     for (class_test test : class_tests) {
         EXPECT_FALSE(test(u("")));
