@@ -35,5 +35,7 @@
 #include "tn_socket.h"
 #include "tn_input_buffer.h"
 #include "tn_output_buffer.h"
+#include "tn_caltime.h"
+#include "tn_rfc1123_date.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
