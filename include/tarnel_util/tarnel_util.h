@@ -37,5 +37,7 @@
 #include "tn_output_buffer.h"
 #include "tn_mime_type.h"
 #include "tn_http_vocab.h"
+#include "tn_caltime.h"
+#include "tn_rfc1123_date.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */

@@ -72,4 +72,19 @@ std::FILE *open(const char *path);
 
 } // namespace tn::log_stream
 
+// The host's time zone, for the local calendar forms. Each call reads the
+// zone setting afresh, so a host that changes it is followed at once.
+namespace tn::zone {
+
+// Stores the offset of local time from UTC at the instant utc, in seconds,
+// positive east of Greenwich, daylight saving included; false if the
+// platform cannot tell for that instant.
+bool offset_at(tn_time utc, tn_int32 *east);
+
+// Stores the bias of standard time, UTC minus local, in seconds, daylight
+// saving left out; false if the platform cannot tell.
+bool standard_bias(tn_int32 *west);
+
+} // namespace tn::zone
+
 #endif
