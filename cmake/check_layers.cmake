@@ -19,7 +19,7 @@ set(family_platform tn_time tn_thread tn_mutex tn_semaphore tn_signal tn_file tn
 set(family_event tn_poll tn_net tn_scheduler tn_sync)
 set(family_io tn_input_buffer tn_output_buffer)
 set(family_log tn_log)
-set(family_codec)
+set(family_codec tn_uri)
 set(family_http)
 set(family_xml)
 set(subsystems core text platform event io log codec http xml)

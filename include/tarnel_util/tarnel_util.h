@@ -35,5 +35,6 @@
 #include "tn_socket.h"
 #include "tn_input_buffer.h"
 #include "tn_output_buffer.h"
+#include "tn_uri.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
