@@ -3,6 +3,7 @@
 
 #include "text/text_test.h"
 
+#include <functional>
 #include <string>
 
 namespace {
@@ -238,6 +239,128 @@ TEST_F(Uri, FileUrisRoundTripAbsolutePaths)
     }
     EXPECT_FALSE(tn_uri_trim_path_prefix(nullptr));
     EXPECT_FALSE(tn_uri_path_to_file_uri(nullptr, &ca));
+}
+
+// Input taken from the very record or array being written, both where it has
+// to grow (cut to its content) and where it has room to spare.
+TEST_F(Uri, InputInsideTheDestination)
+{
+    const std::string url = "http://10.77.0.1:8200/MediaItems/23.mp3?a=%41+b&c=d";
+    for (bool roomy : {false, true}) {
+        SCOPED_TRACE(roomy ? "with room" : "full");
+        auto hold = [&](const std::string &text) { // ca holds text and a terminator
+            tn_array_free(&ca);
+            tn_array_allocate(&ca, static_cast<tn_uint32>(text.size() + 1 + (roomy ? 4096 : 0)));
+            tn_uchar_array_copys0(&ca, u(text));
+            return static_cast<const tn_uchar *>(tn_array_get(&ca));
+        };
+        const auto *own = hold(url);
+        EXPECT_TRUE(tn_uri_resolve(own, own, &ca));
+        EXPECT_EQ(bytes(ca), url);
+        own = hold(url);
+        EXPECT_TRUE(tn_uri_resolve(u("x://h/a/"), own + 7, &ca)) << "a reference from the middle";
+        EXPECT_EQ(bytes(ca), "x://h/a/10.77.0.1:8200/MediaItems/23.mp3?a=%41+b&c=d");
+        own = hold(url);
+        EXPECT_TRUE(tn_uri_escape(own, &ca));
+        const std::string escaped = bytes(ca);
+        EXPECT_TRUE(tn_uri_unescape(hold(escaped), &ca));
+        EXPECT_EQ(bytes(ca), url);
+        EXPECT_TRUE(tn_uri_path_to_file_uri(hold("/a b"), &ca));
+        EXPECT_EQ(bytes(ca), "file:///a%20b");
+        if (roomy) tn_str_array_allocate(&uri, 4096);
+        ASSERT_TRUE(tn_uri_parse(&uri, u(url)));
+        EXPECT_TRUE(tn_uri_parse(&uri, tn_uri_get_query(&uri)));
+        for (int k = 0; k < 3; ++k) EXPECT_TRUE(tn_uri_parse(&uri, tn_uri_get_path(&uri))) << k;
+        EXPECT_EQ(parts(), "|||/a=%41+b&c=d|") << "the query parsed as a path, then the path three times over";
+        EXPECT_TRUE(tn_uri_parse(&uri, tn_uri_get_path(&uri) + 1));
+        EXPECT_EQ(parts(), "|||/a=%41+b&c=d|");
+        ASSERT_TRUE(tn_uri_parse(&uri, u(url)));
+        EXPECT_TRUE(tn_uri_parse(&uri, tn_uri_get_protocol(&uri))) << "the first bytes of the storage";
+        EXPECT_EQ(parts(), "|||/http|");
+        ASSERT_TRUE(tn_uri_parse_query2(u("k=v%3d1&x=y"), &sa));
+        EXPECT_TRUE(tn_uri_parse_query2(tn_str_array_get_pos(&sa, 1), &sa));
+        EXPECT_EQ(list(sa), (strings{"v", "1"}));
+        ASSERT_TRUE(tn_uri_parse_query(u("a=b%3dc"), &sa, &sb));
+        EXPECT_TRUE(tn_uri_parse_query(tn_str_array_get_pos(&sb, 0), &sa, &sb));
+        EXPECT_EQ(pairs("b=c"), "1:b;/c;");
+    }
+}
+
+TEST_F(Uri, HostileInput)
+{
+    const std::string long_host(1 << 20, 'h');
+    const std::string url = "x://" + long_host + ":1/" + std::string(1 << 20, '/') + "?" + std::string(1 << 20, '%');
+    ASSERT_TRUE(tn_uri_parse(&uri, u(url)));
+    EXPECT_TRUE(rebuilt() == url);
+    EXPECT_TRUE(tn_uri_resolve(u(url), u("c"), &ca));
+    EXPECT_TRUE(bytes(ca) == url.substr(0, url.find('?')) + "c") << "pasted behind the last of the slashes";
+    EXPECT_TRUE(tn_uri_unescape(u(url), &ca));
+    EXPECT_EQ(bytes(ca).size(), url.size() - (1 << 20) / 3 * 2) << "%%% decodes to one byte, the last '%' stays";
+    EXPECT_TRUE(tn_uri_escape(u(std::string(1 << 20, '\xff')), &ca));
+    EXPECT_EQ(bytes(ca).size(), 3u << 20);
+    const std::string query = std::string(1 << 18, '=') + "&" + std::string(1 << 18, '&');
+    EXPECT_FALSE(tn_uri_parse_query2(u(query), &sa));
+    EXPECT_EQ(tn_str_array_length(&sa), 2u) << "one pair, then a last item without '='";
+    EXPECT_TRUE(tn_uri_parse_query(u("a=1&=&%00=%00"), &sa, &sb)) << "decoded bytes of 0 end names and values";
+    EXPECT_EQ(list(sa), (strings{"a", "", ""}));
+    tn_str_array_cato(&sa, u("x"));
+    tn_array_fail(&sa.pool);
+    EXPECT_FALSE(tn_uri_parse_query(u("a=1"), &sa, &sb)) << "a failed array refuses";
+    EXPECT_FALSE(tn_uri_parse(&sa, u("x://h"))) << "a failed record refuses";
+    EXPECT_EQ(tn_uri_get_path(&sa), nullptr);
+    tn_array_fail(&ca);
+    EXPECT_FALSE(tn_uri_escape(u("a"), &ca));
+    EXPECT_FALSE(tn_uri_resolve(u("x://h"), u("a"), &ca));
+}
+
+TEST_F(Uri, SteadyStateParseAndResolveDoNotAllocate)
+{
+    ASSERT_TRUE(tn_uri_parse(&uri, u("http://10.77.0.1:8200/MediaItems/23.mp3?x=1")));
+    ASSERT_TRUE(tn_uri_resolve(u("http://10.77.0.1:8200/rootDesc.xml"), u("/ctl/ContentDir"), &ca));
+    ASSERT_TRUE(tn_uri_parse_query(u("x=1&y=2"), &sa, &sb));
+    tn_test::reset_counts();
+    EXPECT_TRUE(tn_uri_parse(&uri, u("http://10.77.0.1:8200/MediaItems/29.wav?y=2")));
+    EXPECT_TRUE(tn_uri_resolve(u("http://10.77.0.1:8200/rootDesc.xml"), u("/evt/ContentDir"), &ca));
+    EXPECT_TRUE(tn_uri_parse_query(u("a=1&b=2"), &sa, &sb));
+    EXPECT_EQ(tn_test::allocations(), 0);
+}
+
+TEST_F(Uri, FailedAllocationLeavesNothingHalfDone)
+{
+    const std::string url = "http://10.77.0.1:8200/MediaItems/23.mp3?" + std::string(300, 'q');
+    tn_test::sweep_alloc_failures([&] {
+        const bool ok = tn_uri_parse(&uri, u(url));
+        EXPECT_EQ(parts(), ok ? "http|10.77.0.1|8200|/MediaItems/23.mp3|" + std::string(300, 'q') : "none");
+        tn_uri_free(&uri);
+        tn_array_free(&ca);
+        return ok;
+    });
+    const std::string escaped = "http%3a%2f%2f10.77.0.1%3a8200%2fMediaItems%2f23.mp3%3f" + std::string(300, 'q');
+    const struct { const char *name; std::function<bool()> op; std::string expected; } ops[] = {
+        {"resolve", [&] { return tn_uri_resolve(u(url), u("x"), &ca) != 0; }, url.substr(0, 33) + "x"},
+        {"escape", [&] { return tn_uri_escape(u(url), &ca) != 0; }, escaped},
+        {"unescape", [&] { return tn_uri_unescape(u(url), &ca) != 0; }, url},
+        {"file", [&] { return tn_uri_path_to_file_uri(u(url), &ca) != 0; }, "file:///" + escaped},
+    };
+    for (const auto &o : ops) {
+        SCOPED_TRACE(o.name);
+        tn_test::sweep_alloc_failures([&] {
+            const bool ok = o.op();
+            EXPECT_EQ(ok, !tn_array_failed(&ca));
+            EXPECT_EQ(ok ? bytes(ca) : o.expected, o.expected);
+            tn_array_free(&ca);
+            return ok;
+        });
+    }
+    tn_test::sweep_alloc_failures([&] {
+        const bool ok = tn_uri_parse_query(u("a=1&b=" + std::string(300, 'v')), &sa, &sb);
+        EXPECT_EQ(ok, !tn_str_array_failed(&sa) && !tn_str_array_failed(&sb));
+        const strings values = {"1", std::string(300, 'v')};
+        EXPECT_EQ(ok ? list(sb) : values, values);
+        tn_str_array_free(&sa);
+        tn_str_array_free(&sb);
+        return ok;
+    });
 }
 
 } // namespace
