@@ -34,7 +34,7 @@
  * exhausted memory shows as the array's failed flag and a result of 0. Text
  * arguments may lie in the storage of the array or record that the
  * operation writes, a component of the very record or the output's own
- * bytes. A null text gives 0 with nothing written.
+ * bytes. A null text gives 0 and leaves an output array untouched.
  *
  * Results are 1 or 0 unless a comment says otherwise.
  */
@@ -68,8 +68,8 @@ TN_API void tn_uri_free(tn_uri *uri);
  *     the path and starts the query.
  * "/a:b", "x:/a" and "x://" fail. "x://host?a=b" gives the host "host?a=b"
  * and the path "/"; "x://[::1]:80/a" gives the host "[" and the port
- * ":1]:80". On 0 (a failed split, a failed record or exhausted memory) the
- * record is empty. */
+ * ":1]:80". On 0 (a null text, a failed split, a failed record or exhausted
+ * memory) the record is empty. */
 TN_API tn_bool tn_uri_parse(tn_uri *uri, const tn_uchar *text);
 
 /* A component, or null if the record is failed or empty. */
@@ -145,9 +145,11 @@ TN_API tn_bool tn_uri_path_to_file_uri(const tn_uchar *path, tn_uchar_array *out
  * stays as it is; otherwise text needs a colon, "//" behind it and a
  * character behind those, else 0 with text unchanged. The text is cut to
  * begin at the first "/" behind the "//", or becomes "/" if there is none.
- * "x://h" gives "/", "x://h/a" gives "/a". The counterpart of
- * tn_uri_path_to_file_uri: the file URI of a path, trimmed and unescaped,
- * is that path again when it was absolute. A null text gives 0. */
+ * "x://h" gives "/", "x://h/a" gives "/a", and "x://h/c%3a%2fd" gives
+ * "/c%3a%2fd": paths here have no drive letters, so the text always keeps
+ * its '/'. The counterpart of tn_uri_path_to_file_uri: the file URI of a
+ * path, trimmed and unescaped, is that path again when it was absolute. A
+ * null text gives 0. */
 TN_API tn_bool tn_uri_trim_path_prefix(tn_uchar *text);
 
 TN_END_DECLS

@@ -96,9 +96,6 @@ bool cat_written(tn_str_array *a, tn_uint32 most, Write write)
     return tn_str_array_caton(a, to, write(to));
 }
 
-// Emptying an output first would overwrite input that lies in it: such
-// output is built aside and then takes the new storage. A failed output
-// refuses anyway, and stays failed.
 void init(tn_uchar_array *a) { tn_array_init(a, 1); }
 void init(tn_str_array *a) { tn_str_array_init(a); }
 void free_all(tn_uchar_array *a) { tn_array_free(a); }
@@ -113,6 +110,9 @@ void take(Array *out, Array *aside)
     *out = *aside;
 }
 
+// Emptying an output first would overwrite input that lies in it: such
+// output is built aside and then takes the new storage. A failed output
+// refuses anyway, and stays failed.
 template <class Array, class Build>
 tn_bool into(Array *out, bool aliased, Build build)
 {
