@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   g++ gcc make cmake ninja-build pkg-config binutils
-  libgtest-dev libgmock-dev libbenchmark-dev libuv1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libuv1-dev liburiparser-dev
   libxml2-dev libexpat1-dev
 )
 packages+=("$@")

@@ -39,5 +39,6 @@
 #include "tn_http_vocab.h"
 #include "tn_caltime.h"
 #include "tn_rfc1123_date.h"
+#include "tn_uri.h"
 
 #endif /* TARNEL_UTIL_TARNEL_UTIL_H */
