@@ -74,13 +74,12 @@ TN_API void tn_http_chunk_init(tn_http_chunk *chunk);
  *                            TN_HTTP_CHUNK_FAILED, except in the cases
  *                            below.
  *
- * Where the buffer can be asked without a wait: in the data of a chunk the
- * call reads from the buffer like tn_input_buffer_read, which may go to the
- * source (on a socket: wait there, within the socket's time-out). Anywhere
- * else, a call that finds nothing held refills once with
- * tn_input_buffer_pool, whose failure or end of the stream fails the
- * reader; after that the call works only on the bytes held and does not
- * wait.
+ * Waiting. A call that starts in the data of a chunk reads once like
+ * tn_input_buffer_read, which may go to the source (on a socket: wait
+ * there, within the socket's time-out). Any other call that finds nothing
+ * held refills once with tn_input_buffer_pool, whose failure or end of the
+ * stream fails the reader; after that the call works only on the bytes
+ * held and does not wait.
  *
  * Two results of 0 leave the state as it is: a byte other than LF where
  * the closing line's LF belongs (the state stays TN_HTTP_CHUNK_FINAL_LF),
