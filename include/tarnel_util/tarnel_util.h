@@ -37,6 +37,7 @@
 #include "tn_output_buffer.h"
 #include "tn_mime_type.h"
 #include "tn_http_vocab.h"
+#include "tn_http_header.h"
 #include "tn_caltime.h"
 #include "tn_rfc1123_date.h"
 #include "tn_uri.h"
