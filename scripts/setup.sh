@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   g++ gcc make cmake ninja-build pkg-config binutils
-  libgtest-dev libgmock-dev libbenchmark-dev libuv1-dev liburiparser-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libuv1-dev liburiparser-dev libhttp-parser-dev
   libxml2-dev libexpat1-dev
 )
 packages+=("$@")
