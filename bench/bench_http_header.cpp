@@ -94,11 +94,11 @@ void read_http_parser(benchmark::State &state, const std::string &head)
     state.SetItemsProcessed(state.iterations());
 }
 
-BENCHMARK_CAPTURE(read_tn, soap_request / tn, soap_request);
-BENCHMARK_CAPTURE(read_http_parser, soap_request / http_parser, soap_request);
-BENCHMARK_CAPTURE(read_tn, m_search / tn, m_search);
-BENCHMARK_CAPTURE(read_http_parser, m_search / http_parser, m_search);
-BENCHMARK_CAPTURE(read_tn, response_10_lines / tn, response);
-BENCHMARK_CAPTURE(read_http_parser, response_10_lines / http_parser, response);
+BENCHMARK_CAPTURE(read_tn, soap_request/tn, soap_request);
+BENCHMARK_CAPTURE(read_http_parser, soap_request/http_parser, soap_request);
+BENCHMARK_CAPTURE(read_tn, m_search/tn, m_search);
+BENCHMARK_CAPTURE(read_http_parser, m_search/http_parser, m_search);
+BENCHMARK_CAPTURE(read_tn, response_10_lines/tn, response);
+BENCHMARK_CAPTURE(read_http_parser, response_10_lines/http_parser, response);
 
 } // namespace
