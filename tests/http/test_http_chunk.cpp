@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include "support/alloc.h"
 #include "support/socket_pair.h"
-#include "support/split_feed_chunked.h"
+#include "support/split_feed.h"
 #include <sys/socket.h>
 #include <string>
 #include <vector>

@@ -1,43 +1,63 @@
-// Feeding a text to an incremental parser in pieces. The parser reads only
-// what an input buffer holds; the feeder refills the buffer with
-// tn_input_buffer_pool from a source that hands out the text cut at chosen
-// places, and calls the parser after each refill. Whatever the cuts, a
-// parser that keeps no state outside its own records must end the same way:
-// the same result, and the same bytes left for whoever reads next.
+// Feeding an incremental reader its input in every way a network might cut
+// it: whole, one byte at a time, and in two pieces at every position. A run
+// is a function of a PieceFeed that returns what the reader made of the
+// input (anything printable and comparable); each way of cutting must give
+// what the whole input gives.
 #ifndef TN_TESTS_SUPPORT_SPLIT_FEED_H
 #define TN_TESTS_SUPPORT_SPLIT_FEED_H
 
 #include <tarnel_util/tn_input_buffer.h>
 
-#include <cstddef>
-#include <functional>
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
 namespace tn_test {
 
-enum class feed_step { more, done, failed };
+// A source that hands out its text up to the next cut on each call of the
+// read operation (less if the capacity is smaller), then the end of the
+// stream. A call numbered fail_at (1-based) fails instead.
+struct PieceSource {
+    std::string text;
+    std::vector<size_t> cuts; // ascending positions inside text
+    size_t at = 0, calls = 0, fail_at = 0;
 
-// The parser under test. reset makes its records fresh for a new feeding;
-// step parses what the buffer holds; result tells the outcome as text.
-struct incremental_parser {
-    std::function<void()> reset;
-    std::function<feed_step(tn_input_buffer &)> step;
-    std::function<std::string()> result;
+    static tn_bool read(void *destination, tn_uint32 capacity, tn_uint32 *count, void *context);
+    std::string unread() const { return text.substr(at); }
 };
 
-// Feeds text, cut before each offset in cuts (ascending, inside the text),
-// through a buffer of the given storage size. Returns a transcript: how the
-// feeding ended ("done", "failed", "ran out", or "stalled" for a parser that
-// neither finished nor consumed while the storage was full), the parser's
-// result, and every byte not consumed.
-std::string feed_in_pieces(const std::string &text, const std::vector<std::size_t> &cuts, std::uint32_t storage,
-                           const incremental_parser &parser);
+// A buffer of the given storage size over a PieceSource. Not copyable: the
+// buffer points at the source.
+struct PieceFeed {
+    PieceSource source;
+    std::vector<tn_uchar> storage;
+    tn_input_buffer buffer;
+    PieceFeed(const std::string &text, std::vector<size_t> cuts, tn_uint32 length);
+    PieceFeed(const PieceFeed &) = delete;
+    // Bytes held and not yet read from the source: what a reader left.
+    std::string left() const;
+};
 
-// Feeds text whole, one byte per refill, and cut once at every offset, and
-// expects every transcript to equal the whole feeding's, which it returns.
-std::string expect_same_at_every_split(const std::string &text, std::uint32_t storage,
-                                       const incremental_parser &parser);
+// The cut lists: none, each single position, and one at every position.
+std::vector<std::vector<size_t>> every_split(size_t n);
+
+// Runs run(PieceFeed &) over every split of text with the given storage
+// size and expects the result of the unsplit input each time. Returns that
+// result.
+template <class Run>
+auto expect_same_for_every_split(const std::string &text, tn_uint32 storage, Run run)
+{
+    PieceFeed whole(text, {}, storage);
+    auto expected = run(whole);
+    for (const std::vector<size_t> &cuts : every_split(text.size())) {
+        PieceFeed feed(text, cuts, storage);
+        auto got = run(feed);
+        EXPECT_EQ(got, expected) << "storage " << storage << ", " << cuts.size() << " cuts"
+                                 << (cuts.size() == 1 ? ", at " + std::to_string(cuts[0]) : std::string());
+    }
+    return expected;
+}
 
 } // namespace tn_test
 
