@@ -3,8 +3,8 @@
 rebuilds the shared library, runs the given test executables, and records
 which mutants the tests kill.
 
-usage: scripts/mutate.py --tree WORKTREE --build BUILD_DIR --files src/core/array.cpp [...]
-                 --tests test_array test_str [...] [--out result.json] [--limit N] [--seed S]
+usage: scripts/mutate.py --tree WORKTREE --build BUILD_DIR --files FILE...
+                 --tests TEST... [--out result.json] [--limit N] [--order K]
 
 BUILD_DIR is a configured build of WORKTREE (any preset; a plain one is
 fastest: cmake -S . -B build/mut -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTN_SANITIZE= ).
@@ -80,7 +80,7 @@ def main():
     ap.add_argument('--tests', nargs='+', required=True)
     ap.add_argument('--out', default='mutants.json')
     ap.add_argument('--limit', type=int, default=0, help='sample at most N mutants per file')
-    ap.add_argument('--seed', type=int, default=1)
+    ap.add_argument('--order', type=int, default=1, help='which sample --limit draws; the same number draws the same sites')
     ap.add_argument('--timeout', type=int, default=60)
     args = ap.parse_args()
     exes = {}
@@ -101,7 +101,7 @@ def main():
         original = open(path).read()
         ss = sites(path)
         if args.limit and len(ss) > args.limit:
-            random.Random(args.seed).shuffle(ss)
+            random.Random(args.order).shuffle(ss)
             ss = sorted(ss[:args.limit])
         try:
             for n, col, a, b in ss:
