@@ -1,4 +1,5 @@
 #include <tarnel_util/tn_mime_type.h>
+#include <tarnel_util/tn_str.h>
 
 #include <cstring>
 
@@ -8,19 +9,10 @@ namespace {
 
 using U = tn_uchar;
 
-// Behind prefix in s when s starts with it in any case, else null. Stops at
-// s's terminator, which no character of prefix matches.
-const U *behind_prefix(const U *s, const U *prefix)
-{
-    for (; *prefix; ++s, ++prefix)
-        if (tn::text::lower(*s) != tn::text::lower(*prefix)) return nullptr;
-    return s;
-}
-
 const U *find(const U *s, U c)
 {
-    while (*s && *s != c) ++s;
-    return *s ? s : nullptr;
+    const U *at = s + tn_str_chr(s, c);
+    return *at ? at : nullptr;
 }
 
 bool is_blank(U c) { return c == ' ' || c == '\t'; }
@@ -37,7 +29,7 @@ const U *parameter_value(const U *mime, const U *name)
 {
     for (const U *at = find(mime, ';'); at; at = find(at, ';')) {
         at = skip_blanks(at + 1); // at the end no "=" and no ";" can follow
-        const U *equals = behind_prefix(at, name);
+        const U *equals = tn::text::behind_case_prefix(at, name);
         if (equals && *equals == '=') return equals + 1;
     }
     return nullptr;
@@ -48,7 +40,7 @@ const U *parameter_value(const U *mime, const U *name)
 tn_bool tn_mime_type_major_equal(const U *mime, const U *major)
 {
     if (!mime || !major) return 0;
-    const U *slash = behind_prefix(mime, major);
+    const U *slash = tn::text::behind_case_prefix(mime, major);
     return slash && *slash == '/';
 }
 
@@ -56,7 +48,7 @@ tn_bool tn_mime_type_sub_equal(const U *mime, const U *sub)
 {
     if (!mime || !sub) return 0;
     const U *slash = find(mime, '/');
-    const U *end = slash ? behind_prefix(slash + 1, sub) : nullptr;
+    const U *end = slash ? tn::text::behind_case_prefix(slash + 1, sub) : nullptr;
     return end && ends_value(*end);
 }
 

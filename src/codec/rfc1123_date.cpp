@@ -74,21 +74,21 @@ constexpr bool digit(tn_uchar c) { return c >= '0' && c <= '9'; }
 
 struct named_zone {
     const char *text;
-    tn_uint32 length;
     tn_int32 correction;
 };
 
 constexpr named_zone named_zones[] = {
-    {"UT", 2, 0},         {"GMT", 3, 0},        {"EDT", 3, 4 * 3600}, {"EST", 3, 5 * 3600},
-    {"CDT", 3, 5 * 3600}, {"CST", 3, 6 * 3600}, {"MDT", 3, 6 * 3600}, {"MST", 3, 7 * 3600},
-    {"PDT", 3, 7 * 3600}, {"PST", 3, 8 * 3600},
+    {"UT", 0},         {"GMT", 0},        {"EDT", 4 * 3600}, {"EST", 5 * 3600}, {"CDT", 5 * 3600},
+    {"CST", 6 * 3600}, {"MDT", 6 * 3600}, {"MST", 7 * 3600}, {"PDT", 7 * 3600}, {"PST", 8 * 3600},
 };
 
-bool starts(const tn_uchar *s, const char *prefix)
+// The length of prefix when s starts with it, exactly cased, else 0.
+tn_uint32 starts(const tn_uchar *s, const char *prefix)
 {
-    for (; *prefix; ++s, ++prefix)
-        if (*s != tn_uchar(*prefix)) return false;
-    return true;
+    tn_uint32 n = 0;
+    for (; prefix[n]; ++n)
+        if (s[n] != tn_uchar(prefix[n])) return 0;
+    return n;
 }
 
 // The zone at s: its length, or 0 when there is none, with the seconds to
@@ -101,9 +101,9 @@ tn_uint32 zone(const tn_uchar *s, tn_int64 *correction)
         return 5;
     }
     for (const named_zone &z : named_zones) {
-        if (starts(s, z.text)) {
+        if (tn_uint32 n = starts(s, z.text)) {
             *correction = z.correction;
-            return z.length;
+            return n;
         }
     }
     tn_uchar letter = s[0] | 0x20;

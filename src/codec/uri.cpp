@@ -131,11 +131,17 @@ struct split_text {
     bool slash_in_front; // the path gets a "/" that the text does not hold
 };
 
+// Whether the colon at t[colon] has "//" and a character behind it.
+bool authority_follows(const U *t, tn_uint32 colon)
+{
+    return t[colon] && t[colon + 1] == '/' && t[colon + 2] == '/' && t[colon + 3];
+}
+
 // The start of the rest behind the authority, with protocol, host and port
-// set; false where the colon has no "//" and a character behind it.
+// set; false where no authority follows the colon.
 bool split_authority(const U *t, tn_uint32 colon, split_text *s, tn_uint32 *rest)
 {
-    if (t[colon + 1] != '/' || t[colon + 2] != '/' || !t[colon + 3]) return false;
+    if (!authority_follows(t, colon)) return false;
     tn_uint32 start = colon + 3;
     tn_uint32 slash = find_from(t, start, '/'), port_colon = find_from(t, start, ':');
     s->part[protocol] = {0, colon};
@@ -377,11 +383,6 @@ tn_bool file_uri_into(const U *file_path, tn_uchar_array *out)
     tn_uint32 start = slashed(file_path[0]) == separator;
     tn_uchar_array_cats(out, text("file:///"));
     return cat_escaped(out, file_path + start, blank::escaped, slashed) && !tn_array_failed(out);
-}
-
-bool authority_follows(const U *t, tn_uint32 colon)
-{
-    return t[colon] && t[colon + 1] == '/' && t[colon + 2] == '/' && t[colon + 3];
 }
 
 void move_to_front(U *t, tn_uint32 from)

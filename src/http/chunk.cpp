@@ -1,19 +1,7 @@
 #include <tarnel_util/tn_http_chunk.h>
+#include <tarnel_util/tn_uchar_array.h>
 
 namespace {
-
-constexpr tn_uint8 not_hex = 0xFF;
-
-struct hex_table {
-    tn_uint8 value[256];
-    constexpr hex_table() : value()
-    {
-        for (int c = 0; c < 256; ++c) value[c] = not_hex;
-        for (int d = 0; d < 10; ++d) value['0' + d] = tn_uint8(d);
-        for (int d = 0; d < 6; ++d) value['a' + d] = value['A' + d] = tn_uint8(10 + d);
-    }
-};
-constexpr hex_table hex;
 
 // Beyond this a further digit would need a 17th significant digit and
 // could wrap the 64-bit size.
@@ -23,9 +11,9 @@ enum class Step { more, data, complete, refused, failure };
 
 Step size_digit(tn_http_chunk *k, tn_uchar c)
 {
-    if (hex.value[c] != not_hex) {
+    if (tn_uchar_is_hex(c)) {
         if (k->remaining >= size_limit) return Step::failure;
-        k->remaining = k->remaining * 16 + hex.value[c];
+        k->remaining = k->remaining * 16 + tn_uchar_hex_to_uint8(c);
         return Step::more;
     }
     if (c == '\r') k->state = TN_HTTP_CHUNK_SIZE_LF;
@@ -53,8 +41,8 @@ Step step(tn_http_chunk *k, tn_uchar c)
 {
     switch (k->state) {
     case TN_HTTP_CHUNK_SIZE_START:
-        if (hex.value[c] == not_hex) return Step::failure;
-        k->remaining = hex.value[c];
+        if (!tn_uchar_is_hex(c)) return Step::failure;
+        k->remaining = tn_uchar_hex_to_uint8(c);
         k->state = TN_HTTP_CHUNK_SIZE_DIGITS;
         return Step::more;
     case TN_HTTP_CHUNK_SIZE_DIGITS: return size_digit(k, c);

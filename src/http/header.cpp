@@ -75,9 +75,8 @@ tn_bool set_formatted(tn_str_array *block, const U *name, tn_bool replace, Forma
 tn_bool tn_http_header_name_equal(const U *line, const U *name)
 {
     if (!line || !name) return 0;
-    for (; *name; ++line, ++name)
-        if (tn::text::lower(*line) != tn::text::lower(*name)) return 0;
-    return line[tn_str_skip_space(line)] == ':';
+    const U *rest = tn::text::behind_case_prefix(line, name);
+    return rest && rest[tn_str_skip_space(rest)] == ':';
 }
 
 tn_uint32 tn_http_header_find(const tn_str_array *block, const U *name)

@@ -33,13 +33,20 @@ tn_bool end_logical_line(tn_str_array *block, tn_uchar_array *accumulator)
     return tn_array_truncate(accumulator);
 }
 
+// A line opening with a blank continues the logical line under way; any
+// other line closes that one first.
+bool close_unless_folded(tn_str_array *block, const tn_input_buffer *buffer, tn_uchar_array *accumulator)
+{
+    U first = held(buffer)[0];
+    return first == ' ' || first == '\t' || end_logical_line(block, accumulator);
+}
+
 enum class step { line, empty_line, fault };
 
 // One complete physical line of length n at the front of the held bytes.
 step take_line(tn_str_array *block, tn_input_buffer *buffer, tn_uchar_array *accumulator, tn_uint32 n)
 {
-    U first = held(buffer)[0];
-    if (first != ' ' && first != '\t' && !end_logical_line(block, accumulator)) return step::fault;
+    if (!close_unless_folded(block, buffer, accumulator)) return step::fault;
     if (n && !tn_array_catn(accumulator, held(buffer), n)) return step::fault;
     consume(buffer, n + 2);
     return n ? step::line : step::empty_line;
@@ -82,8 +89,7 @@ tn_bool tn_http_header_read_socket(tn_str_array *block, tn_input_buffer *buffer,
         // a CRLF may straddle the refill. With no more than those held no
         // refill can ever bring the line end.
         if (buffer->available <= 2) return 0;
-        U first = held(buffer)[0];
-        if (first != ' ' && first != '\t' && !end_logical_line(block, accumulator)) return 0;
+        if (!close_unless_folded(block, buffer, accumulator)) return 0;
         consume(buffer, buffer->available - 2);
         return 1;
     }

@@ -12,14 +12,6 @@ using U = tn_uchar;
 
 const U *u(const char *s) { return reinterpret_cast<const U *>(s); }
 
-// Behind prefix in s when s starts with it in any case, else null.
-const U *behind_prefix(const U *s, const char *prefix)
-{
-    for (; *prefix; ++s, ++prefix)
-        if (tn::text::lower(*s) != tn::text::lower(static_cast<U>(*prefix))) return nullptr;
-    return s;
-}
-
 const U *skip_blanks(const U *s) { return s + tn_str_skip_space(s); }
 
 bool is_digit(U c) { return c >= '0' && c <= '9'; }
@@ -83,7 +75,7 @@ range_result position_range(const U *s, tn_uint64 size, tn_http_range *range)
 
 range_result read_range(const U *value, tn_uint64 size, tn_http_range *range)
 {
-    const U *s = value ? behind_prefix(value, "bytes") : nullptr;
+    const U *s = value ? tn::text::behind_case_prefix(value, "bytes") : nullptr;
     if (s) s = behind_equals(s);
     if (!s || !*s) return range_result::malformed;
     return *s == '-' ? suffix_range(s + 1, size, range) : position_range(s, size, range);
@@ -108,7 +100,7 @@ tn_bool range_start(tn_uchar_array *text, const U *name, const char *unit)
 tn_bool tn_http_header_get_max_age(const U *value, tn_uint32 *max_age)
 {
     if (!value || !max_age) return 0;
-    const U *s = behind_prefix(value, "max-age");
+    const U *s = tn::text::behind_case_prefix(value, "max-age");
     if (s) s = behind_equals(s);
     if (!s || !is_digit(*s)) return 0;
     tn_str_scan_uint(s, max_age);
@@ -118,7 +110,7 @@ tn_bool tn_http_header_get_max_age(const U *value, tn_uint32 *max_age)
 tn_bool tn_http_header_get_timeout(const U *value, tn_int32 *seconds)
 {
     if (!value || !seconds) return 0;
-    const U *s = behind_prefix(value, "second-");
+    const U *s = tn::text::behind_case_prefix(value, "second-");
     if (!s) return 0;
     if (!tn_str_diff(s, u("infinite"))) {
         *seconds = -1;

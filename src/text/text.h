@@ -134,6 +134,16 @@ tn_int32 case_diffn(const C *a, tn_uint32 n, const C *b)
     return 0;
 }
 
+// Behind prefix in s when s begins with it, letters folded, else null. The
+// terminator of s matches no character of prefix, so a shorter s stops there.
+template <class C, class P>
+const C *behind_case_prefix(const C *s, const P *prefix)
+{
+    for (; *prefix; ++s, ++prefix)
+        if (lower(*s) != lower(static_cast<C>(*prefix))) return nullptr;
+    return s;
+}
+
 template <class C, class Map>
 void map(C *s, Map m)
 {
