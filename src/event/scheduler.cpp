@@ -197,8 +197,8 @@ bool apply_by_index(tn_scheduler *s)
         tn_scheduled_task *task = task_at(&s->tasks, i);
         tn_uint32 at = pending.find(task->id);
         if (at == no_position) continue;
-        if (!task->removed) *task = requests[at];
-        requests[at].id = 0; // applied; pending ids are never 0
+        *task = requests[at]; // ids are unique here, and no record is flagged yet
+        requests[at].id = 0;  // applied; pending ids are never 0
     }
     tn_uint32 fresh = 0, n = tn_array_length(&s->pending);
     for (tn_uint32 i = 0; i < n; ++i)
