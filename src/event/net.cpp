@@ -6,6 +6,7 @@
 
 #include "core/array_internal.h"
 #include "event/lock.h"
+#include "event/table.h"
 
 namespace {
 
@@ -80,18 +81,6 @@ void run_backwards(tn_array *list)
     }
 }
 
-// Moves the table out under the lock, with the waiting requests applied.
-// Other threads look tasks up while a shut-down runs the callbacks: they
-// find an empty table instead of one that is being emptied.
-tn_array take_table(tn_net *net)
-{
-    tn::lock_guard lock(&net->lock);
-    if (lock.held()) apply_pending(net);
-    tn_array taken = net->tasks;
-    tn_array_init(&net->tasks, sizeof(tn_net_task));
-    return taken;
-}
-
 // Leaves the dispatcher empty, dropping what was asked for during the
 // callbacks, and gives the table back its storage, so that a reset one
 // allocates no more than a new one. A failed lock does not stop this: a
@@ -107,7 +96,7 @@ void settle_empty(tn_net *net, tn_array *taken)
 
 void shut_down(tn_net *net)
 {
-    tn_array taken = take_table(net);
+    tn_array taken = tn::take_table(&net->lock, &net->tasks, [net] { apply_pending(net); });
     for (tn_uint32 i = 0; i < tn_array_length(&taken); ++i) {
         tn_net_task *task = task_at(&taken, i);
         task->kind = TN_NET_TASK_REMOVE;

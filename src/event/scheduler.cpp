@@ -10,6 +10,7 @@
 
 #include "core/array_internal.h"
 #include "event/lock.h"
+#include "event/table.h"
 
 namespace {
 
@@ -196,8 +197,8 @@ bool apply_by_index(tn_scheduler *s)
         tn_scheduled_task *task = task_at(&s->tasks, i);
         tn_uint32 at = pending.find(task->id);
         if (at == no_position) continue;
-        if (!task->removed) *task = requests[at];
-        requests[at].id = 0; // applied; pending ids are never 0
+        *task = requests[at]; // ids are unique here, and no record is flagged yet
+        requests[at].id = 0;  // applied; pending ids are never 0
     }
     tn_uint32 fresh = 0, n = tn_array_length(&s->pending);
     for (tn_uint32 i = 0; i < n; ++i)
@@ -232,23 +233,13 @@ void apply_pending(tn_scheduler *s)
     drop_removed(&s->tasks);
 }
 
-// Moves the table out under the lock, with the waiting requests applied.
-// Other threads look tasks up while the users are let go of: they find an
-// empty table, and so cannot copy a task that is going into a request.
-tn_array take_table(tn_scheduler *s)
-{
-    tn::lock_guard lock(&s->lock);
-    if (lock.held()) apply_pending(s);
-    tn_array taken = s->tasks;
-    tn_array_init(&s->tasks, sizeof(tn_scheduled_task));
-    return taken;
-}
-
-// The users' frees run without the lock. The emptied table then gets its
-// storage back, so that a reset scheduler allocates no more than a new one.
+// The users' frees run without the lock, on the table taken out: a thread
+// looking tasks up meanwhile finds an empty table, and so cannot copy a task
+// that is going into a request. The emptied table then gets its storage
+// back, so that a reset scheduler allocates no more than a new one.
 void let_go(tn_scheduler *s)
 {
-    tn_array taken = take_table(s);
+    tn_array taken = tn::take_table(&s->lock, &s->tasks, [s] { apply_pending(s); });
     tn_scheduled_task_array_truncate_object(&taken);
     {
         tn::lock_guard lock(&s->lock);
