@@ -506,6 +506,27 @@ TEST(HttpServerWrite, SendFileSendsTheHeadThenTheRange)
     EXPECT_EQ(c.wire(), "head|" + f.bytes.substr(100, 20000));
 }
 
+// More than the socket holds: the send waits for the reader between passes.
+TEST(HttpServerThreads, SendFileWaitsForASlowReader)
+{
+    TempFile f(3 << 20);
+    Conn c;
+    std::string got;
+    std::thread reader([&] {
+        char block[65536];
+        for (ssize_t n; (n = read(c.pair.peer, block, sizeof block)) > 0;) {
+            got.append(block, size_t(n));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    tn_uint64 count = 0;
+    EXPECT_TRUE(tn_http_server_send_file(&c.s, f.fd, 1, f.bytes.size() - 1, &count));
+    EXPECT_EQ(count, f.bytes.size() - 1);
+    shutdown(c.s.socket, SHUT_WR);
+    reader.join();
+    EXPECT_TRUE(got == f.bytes.substr(1)) << got.size() << " bytes arrived";
+}
+
 TEST(HttpServerWrite, SendFileOfARangePastTheEndFailsAndCounts)
 {
     TempFile f(1000);
