@@ -39,6 +39,7 @@
 #include "tn_http_vocab.h"
 #include "tn_http_chunk.h"
 #include "tn_http_header.h"
+#include "tn_http_client.h"
 #include "tn_caltime.h"
 #include "tn_rfc1123_date.h"
 #include "tn_uri.h"
