@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -189,6 +191,8 @@ const HeadCase head_cases[] = {
      "GET / HTTP/1.1\r\nHOST: h\r\nCONTENT-LENGTH: 0\r\nConnection: keep-alive\r\n\r\n"},
     {"caller's host", "http://h/", 1, nullptr, "GET", {"X-A: 1", "Host : other:1", "host: third", "X-B: 2"}, 0, 0,
      "GET / HTTP/1.1\r\nHost : other:1\r\nCONTENT-LENGTH: 0\r\nX-A: 1\r\nX-B: 2\r\n\r\n"},
+    {"caller's host on 1.0", "http://h/", 0, nullptr, "GET", {"HOST: v"}, 0, 0,
+     "GET / HTTP/1.0\r\nHOST: v\r\nCONTENT-LENGTH: 0\r\n\r\n"},
     {"Hostname is no HOST", "http://h/", 1, nullptr, "GET", {"Hostname: x"}, 0, 0,
      "GET / HTTP/1.1\r\nHOST: h\r\nCONTENT-LENGTH: 0\r\nHostname: x\r\n\r\n"},
     {"version 2", "http://h/", 2, nullptr, "GET", {}, 0, 0, nullptr},
@@ -371,6 +375,36 @@ TEST_F(HttpClient, BodyFramingOverSocket)
         tn_uint32 n = 9;
         EXPECT_EQ(tn_http_client_read_body(&c, status, 1, 5000, &n), t.end_state == TN_HTTP_CLIENT_BODY_ENDED);
         EXPECT_EQ(n, 0u);
+        tn_http_client_disconnect(&c);
+    }
+}
+
+std::string capture(const char *name)
+{
+    std::ifstream in(std::string(TN_HTTP_TEST_DATA "/") + name, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Real responses: the body is what stands behind the head.
+TEST_F(HttpClient, CapturedResponses)
+{
+    for (const char *name : {"http-get-range.response", "soap-browse-0.response", "ssdp-msearch-mediaserver.response"}) {
+        SCOPED_TRACE(name);
+        const std::string wire = capture(name);
+        ASSERT_FALSE(wire.empty());
+        tn_test::SocketPair pair(tn_test::SocketPair::kind::tcp);
+        attach(pair);
+        ASSERT_EQ(send(pair.peer, wire.data(), wire.size(), 0), ssize_t(wire.size()));
+        pair.close_peer();
+        ASSERT_TRUE(tn_http_client_read_header(&c, status, &response, 5000));
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(status)), wire.substr(9, 3));
+        EXPECT_EQ(c.state, TN_HTTP_CLIENT_BODY_LENGTH);
+        const std::string content = wire.substr(wire.find("\r\n\r\n") + 4);
+        EXPECT_EQ(body(), content);
+        // A length of 0 leaves nothing to read: a read fails.
+        EXPECT_EQ(c.state, content.empty() ? TN_HTTP_CLIENT_FAILED : TN_HTTP_CLIENT_BODY_ENDED);
         tn_http_client_disconnect(&c);
     }
 }
