@@ -228,6 +228,17 @@ TEST_F(HttpClient, UriMustBeHttpWithHost)
     }
 }
 
+TEST_F(HttpClient, ProxyMayBeSetFromItsOwnText)
+{
+    ASSERT_TRUE(tn_http_client_set_proxy(&c, u("proxy.local"), 1));
+    ASSERT_TRUE(tn_http_client_set_proxy(&c, tn_http_client_get_proxy_host(&c) + 6, 2));
+    EXPECT_STREQ(reinterpret_cast<const char *>(tn_http_client_get_proxy_host(&c)), "local");
+    EXPECT_EQ(tn_http_client_get_proxy_port(&c), 2);
+    ASSERT_TRUE(tn_http_client_set_proxy(&c, nullptr, 3));
+    EXPECT_EQ(tn_http_client_get_proxy_host(&c), nullptr);
+    EXPECT_EQ(tn_http_client_get_proxy_port(&c), 0);
+}
+
 struct ResponseCase {
     const char *name, *bytes;
     tn_bool head;
@@ -592,7 +603,7 @@ TEST_F(HttpClient, AllocationFailuresInInitAndRequest)
     Server s;
     s.start({{"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nA: b\r\n\r\nok"}});
     const std::string url = s.url("/a");
-    tn_test::sweep_alloc_failures([&] {
+    const std::int64_t made = tn_test::sweep_alloc_failures([&] {
         tn_http_client k;
         if (!tn_http_client_init(&k, 0, 0)) return false;
         tn_str_array r;
@@ -604,6 +615,8 @@ TEST_F(HttpClient, AllocationFailuresInInitAndRequest)
         tn_http_client_free(&k);
         return ok;
     });
+    // Two storages, the uri, the address list and the response block.
+    EXPECT_GE(made, 5);
 }
 
 } // namespace
