@@ -129,20 +129,6 @@ TEST_F(ChunkTest, WholeBodyGivesDataThenTheEndAndNothingMore)
     EXPECT_EQ(show(read_once(&k, &f.buffer, 64)), "0 count 0 ready 0 state 0 ");
 }
 
-TEST_F(ChunkTest, OneByteAtATimeAsksForMoreBetweenFramingBytes)
-{
-    const std::string text = "5\r\nhello\r\n0\r\n\r\n";
-    PieceFeed f(text, tn_test::every_split(text.size()).back(), 4096);
-    tn_http_chunk k;
-    tn_http_chunk_init(&k);
-    std::string trace;
-    for (int i = 0; i < 40 && k.state != TN_HTTP_CHUNK_COMPLETE; ++i) {
-        Call c = read_once(&k, &f.buffer, 64);
-        trace += c.count ? c.data : c.ready ? "E" : ".";
-    }
-    EXPECT_EQ(trace, "...hello......E");
-}
-
 TEST_F(ChunkTest, BadArgumentsChangeNothing)
 {
     PieceFeed f("5\r\nhello", {}, 16);
