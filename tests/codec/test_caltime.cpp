@@ -70,8 +70,10 @@ TEST(Caltime, TimesOutsideTheCalendarGiveZeroFields)
         tn_caltime_utc_from_time(&c, &t);
         EXPECT_TRUE(same(c, zero)) << show(c);
         tn_uchar text[40];
+        std::memset(text, 0xA5, sizeof text);
         EXPECT_EQ(tn_rfc1123_date_fmt(text, &t), 26u);
         EXPECT_STREQ(reinterpret_cast<char *>(text), "Sun, 00 Dec 0 00:00:00 GMT");
+        EXPECT_EQ(text[27], 0xA5) << "the terminator only";
     }
 }
 
