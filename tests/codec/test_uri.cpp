@@ -57,10 +57,6 @@ TEST_F(Uri, ParseSplitsInAFixedOrderAndRebuilds)
         {"x://:", "x|||/|", "x:///"},
         {"x:///", "x|||/|", "x:///"},
         {"?q", "|||/|q", "/?q"},
-        {"http://10.77.0.1:8200/rootDesc.xml", "http|10.77.0.1|8200|/rootDesc.xml|", nullptr},
-        {"http://10.77.0.1:8200/", "http|10.77.0.1|8200|/|", nullptr},
-        {"/ctl/ContentDir", "|||/ctl/ContentDir|", nullptr},
-        {"http://www.netgear.com", "http|www.netgear.com||/|", "http://www.netgear.com/"},
         {"/a:b", "none", nullptr}, {"/a?b=c:d", "none", nullptr}, {"x://", "none", nullptr},
         {"x:/a", "none", nullptr}, {"x:", "none", nullptr}, {":", "none", nullptr}, {"x:/", "none", nullptr},
     };
@@ -77,22 +73,21 @@ TEST_F(Uri, ParseSplitsInAFixedOrderAndRebuilds)
     EXPECT_EQ(rebuilt(), "") << "an empty record writes nothing";
 }
 
-// RFC 3986, section 5.4, base http://a/b/c/d;p?q. Pasting without dot
-// segments, "?", "#" or "//" agrees with the RFC on the rows with no note.
+// RFC 3986, section 5.4, base http://a/b/c/d;p?q: the reference, the RFC's
+// result, and ours with why where they differ. Pasting without dot segments,
+// "?", "#" or "//" agrees with the RFC on the other rows.
 TEST_F(Uri, ResolveAgainstTheReferenceExamples)
 {
     const char *base = "http://a/b/c/d;p?q";
-    const struct { const char *reference, *rfc, *ours, *why; } rows[] = {
-        {"g:h", "g:h", "g:h", ""}, {"g", "http://a/b/c/g", "http://a/b/c/g", ""},
+    const struct { const char *reference, *rfc, *ours = nullptr, *why = nullptr; } rows[] = {
+        {"g:h", "g:h"}, {"g", "http://a/b/c/g"}, {"g/", "http://a/b/c/g/"}, {"/g", "http://a/g"},
         {"./g", "http://a/b/c/g", "http://a/b/c/./g", "dot segments stay"},
-        {"g/", "http://a/b/c/g/", "http://a/b/c/g/", ""}, {"/g", "http://a/g", "http://a/g", ""},
         {"//g", "http://g", "http://a//g", "a network-path reference is a path"},
         {"?y", "http://a/b/c/d;p?y", "http://a/b/c/?y", "a query alone is pasted behind the last '/'"},
-        {"g?y", "http://a/b/c/g?y", "http://a/b/c/g?y", ""},
+        {"g?y", "http://a/b/c/g?y"},
         {"#s", "http://a/b/c/d;p?q#s", "http://a/b/c/#s", "a fragment alone is pasted behind the last '/'"},
-        {"g#s", "http://a/b/c/g#s", "http://a/b/c/g#s", ""}, {"g?y#s", "http://a/b/c/g?y#s", "http://a/b/c/g?y#s", ""},
-        {";x", "http://a/b/c/;x", "http://a/b/c/;x", ""}, {"g;x", "http://a/b/c/g;x", "http://a/b/c/g;x", ""},
-        {"g;x?y#s", "http://a/b/c/g;x?y#s", "http://a/b/c/g;x?y#s", ""},
+        {"g#s", "http://a/b/c/g#s"}, {"g?y#s", "http://a/b/c/g?y#s"}, {";x", "http://a/b/c/;x"},
+        {"g;x", "http://a/b/c/g;x"}, {"g;x?y#s", "http://a/b/c/g;x?y#s"},
         {"", "http://a/b/c/d;p?q", "http://a/b/c/", "the empty reference is pasted behind the last '/'"},
         {".", "http://a/b/c/", "http://a/b/c/.", "dot segments stay"},
         {"./", "http://a/b/c/", "http://a/b/c/./", "dot segments stay"},
@@ -106,24 +101,21 @@ TEST_F(Uri, ResolveAgainstTheReferenceExamples)
         {"../../../../g", "http://a/g", "http://a/b/c/../../../../g", "'..' past the root stays"},
         {"/./g", "http://a/g", "http://a/./g", "dot segments stay"},
         {"/../g", "http://a/g", "http://a/../g", "'..' past the root stays"},
-        {"g.", "http://a/b/c/g.", "http://a/b/c/g.", ""}, {".g", "http://a/b/c/.g", "http://a/b/c/.g", ""},
-        {"g..", "http://a/b/c/g..", "http://a/b/c/g..", ""}, {"..g", "http://a/b/c/..g", "http://a/b/c/..g", ""},
+        {"g.", "http://a/b/c/g."}, {".g", "http://a/b/c/.g"}, {"g..", "http://a/b/c/g.."}, {"..g", "http://a/b/c/..g"},
         {"./../g", "http://a/b/g", "http://a/b/c/./../g", "dot segments stay"},
         {"./g/.", "http://a/b/c/g/", "http://a/b/c/./g/.", "dot segments stay"},
         {"g/./h", "http://a/b/c/g/h", "http://a/b/c/g/./h", "dot segments stay"},
         {"g/../h", "http://a/b/c/h", "http://a/b/c/g/../h", "dot segments stay"},
         {"g;x=1/./y", "http://a/b/c/g;x=1/y", "http://a/b/c/g;x=1/./y", "dot segments stay"},
         {"g;x=1/../y", "http://a/b/c/y", "http://a/b/c/g;x=1/../y", "dot segments stay"},
-        {"g?y/./x", "http://a/b/c/g?y/./x", "http://a/b/c/g?y/./x", ""},
-        {"g?y/../x", "http://a/b/c/g?y/../x", "http://a/b/c/g?y/../x", ""},
-        {"g#s/./x", "http://a/b/c/g#s/./x", "http://a/b/c/g#s/./x", ""},
-        {"g#s/../x", "http://a/b/c/g#s/../x", "http://a/b/c/g#s/../x", ""},
-        {"http:g", "http:g", "http:g", ""}, // the strict reading
+        {"g?y/./x", "http://a/b/c/g?y/./x"}, {"g?y/../x", "http://a/b/c/g?y/../x"},
+        {"g#s/./x", "http://a/b/c/g#s/./x"}, {"g#s/../x", "http://a/b/c/g#s/../x"},
+        {"http:g", "http:g"}, // the strict reading
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.reference);
-        EXPECT_EQ(resolved(base, r.reference), r.ours);
-        EXPECT_EQ(std::string(r.rfc) == r.ours, !*r.why) << "a row that departs says why, and only such a row";
+        EXPECT_EQ(resolved(base, r.reference), r.ours ? r.ours : r.rfc);
+        EXPECT_EQ(r.ours && std::string(r.ours) != r.rfc, r.why != nullptr) << "a row departs exactly when it says why";
     }
 }
 
@@ -134,9 +126,6 @@ TEST_F(Uri, ResolvePastesOntoTheBase)
         {"x://h", "c", "x://h/c"}, {"x://h", "/c", "x://h/c"}, {"x://h", "", "x://h/"},
         {"x://h/a/", "c", "x://h/a/c"}, {"x://h/a?b/c", "d", "x://h/a?b/d"}, {"x:a/b/c", "d", "x:a/b/c/d"},
         {"http://10.77.0.1:8200/rootDesc.xml", "/ctl/ContentDir", "http://10.77.0.1:8200/ctl/ContentDir"},
-        {"http://10.77.0.1:8200/rootDesc.xml", "/", "http://10.77.0.1:8200/"},
-        {"http://10.77.0.1:8200/", "/icons/sm.png", "http://10.77.0.1:8200/icons/sm.png"},
-        {"http://10.77.0.1:8200/", "icons/lrg.jpg", "http://10.77.0.1:8200/icons/lrg.jpg"},
         {"http://10.77.0.1:8200/rootDesc.xml", "http://www.netgear.com/", "http://www.netgear.com/"},
         {"http://10.77.0.1:8200/rootDesc.xml", "1:x", "http://10.77.0.1:8200/1:x"}, // no letter first
         {"x://", "c", "0:"}, {"x:/a", "c", "0:"}, {"/a/b", "c", "0:"}, {"", "c", "0:"}, {"x://h/a", "a", "x://h/a"},
