@@ -20,7 +20,7 @@ set(family_event tn_poll tn_net tn_scheduler tn_sync)
 set(family_io tn_input_buffer tn_output_buffer)
 set(family_log tn_log)
 set(family_codec tn_mime_type tn_caltime tn_rfc1123_date tn_uri)
-set(family_http tn_http_vocab tn_http_chunk tn_http_header tn_http_output_buffer tn_http_server)
+set(family_http tn_http_vocab tn_http_chunk tn_http_header tn_http_output_buffer tn_http_server tn_http_client)
 set(family_xml)
 set(subsystems core text platform event io log codec http xml)
 

@@ -41,6 +41,7 @@
 #include "tn_http_header.h"
 #include "tn_http_output_buffer.h"
 #include "tn_http_server.h"
+#include "tn_http_client.h"
 #include "tn_caltime.h"
 #include "tn_rfc1123_date.h"
 #include "tn_uri.h"
