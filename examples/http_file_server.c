@@ -45,6 +45,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tarnel_util/tarnel_util.h>
@@ -290,7 +291,10 @@ static enum step answer_file(struct connection *c, const char *path, tn_bool hea
         partial = tn_http_header_parse_range(range_value, status.size, &range, &range_status);
         if (!partial && tn_str_diff(range_status, tn_http_status_requested_range_not_satisfiable()) == 0)
             return answer_unsatisfiable(c, file, status.size);
-        if (!partial) range.length = status.size; /* malformed: the whole file */
+        if (!partial) { /* malformed: the whole file */
+            range.start = 0;
+            range.length = status.size;
+        }
     }
     tn_str_array_truncate(&c->reply);
     ok = tn_http_header_set_common_response_header(&c->reply, SERVER_TEXT, c->persistent) &&
@@ -359,13 +363,17 @@ static enum step respond(struct connection *c)
     const tn_uchar *method = tn_http_server_get_method(&c->http);
     tn_bool head = tn_str_diff(method, tn_http_method_head()) == 0;
     char resolved[PATH_MAX];
+    struct stat kind;
     const tn_uchar *status;
 
     if (!head && tn_str_diff(method, tn_http_method_get()) != 0)
         return answer_error(c, tn_http_status_method_not_allowed(), 1);
     status = resolve_target(c, resolved);
     if (status) return answer_error(c, status, 1);
-    return tn_file_is_dir(text(resolved)) ? answer_listing(c, resolved, head) : answer_file(c, resolved, head);
+    /* Opening a FIFO or a device could block the whole loop. */
+    if (stat(resolved, &kind) != 0 || (!S_ISDIR(kind.st_mode) && !S_ISREG(kind.st_mode)))
+        return answer_error(c, tn_http_status_forbidden(), 1);
+    return S_ISDIR(kind.st_mode) ? answer_listing(c, resolved, head) : answer_file(c, resolved, head);
 }
 
 /* ---- Reading a request --------------------------------------------------- */

@@ -1,6 +1,7 @@
 // curl and raw sockets against the http_file_server example host.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -129,6 +130,8 @@ TEST_F(FileServerPeer, SingleRangesGiveTheirSliceOr416)
         {"-500", "206", n - 500, 500},
         {std::to_string(n - 1) + "-", "206", n - 1, 1},
         {"5-" + std::to_string(n + 1000), "206", 5, n - 5},
+        {"0-1,5-6", "200", 0, n},
+        {"9-3", "200", 0, n},
         {std::to_string(n) + "-", "416", 0, 0},
         {std::to_string(n + 10) + "-" + std::to_string(n + 20), "416", 0, 0},
     };
@@ -137,7 +140,10 @@ TEST_F(FileServerPeer, SingleRangesGiveTheirSliceOr416)
         peer::Result r = curl({"-r", row.range, "-D", "-", "-o", dir_ / "out", url("/big.bin")});
         std::string head = lower(r.out), body = peer::read_file(dir_ / "out");
         EXPECT_EQ(r.out.substr(9, 3), row.status) << r.out;
-        if (std::string(row.status) == "206") {
+        if (std::string(row.status) == "200") {
+            EXPECT_EQ(head.find("content-range"), std::string::npos) << r.out;
+            EXPECT_TRUE(body == big_bytes) << body.size() << " bytes";
+        } else if (std::string(row.status) == "206") {
             std::string content_range = "content-range: bytes " + std::to_string(row.start) + "-" +
                                         std::to_string(row.start + row.length - 1) + "/" + std::to_string(n);
             EXPECT_NE(head.find(content_range + "\r\n"), std::string::npos) << r.out;
@@ -195,6 +201,15 @@ TEST_F(FileServerPeer, PathsOutsideTheRootAreRefused)
         EXPECT_EQ(fetch({"--path-as-is"}, path, &body), "403");
         EXPECT_EQ(body.find("outside the root"), std::string::npos);
     }
+}
+
+TEST_F(FileServerPeer, FifoIsRefusedWithoutStallingTheServer)
+{
+    ASSERT_EQ(mkfifo((dir_ / "root/pipe").c_str(), 0644), 0);
+    std::string body;
+    EXPECT_EQ(fetch({}, "/pipe", &body), "403");
+    EXPECT_EQ(fetch({}, "/small.txt", &body), "200");
+    EXPECT_EQ(body, small_bytes);
 }
 
 TEST_F(FileServerPeer, DirectoryListingComesChunkedWithLinks)
@@ -255,6 +270,71 @@ TEST_F(FileServerPeer, SilentClientNeitherBlocksOthersNorStaysForever)
     EXPECT_TRUE(closed) << "a half-sent request kept its connection";
     close(silent);
     close(half);
+}
+
+// The 200 answers in a reply, each checked to carry the small file.
+size_t count_small_answers(const std::string &reply)
+{
+    size_t answers = 0;
+    for (size_t at = reply.find("HTTP/1.1 200 OK\r\n"); at != std::string::npos;
+         at = reply.find("HTTP/1.1 200 OK\r\n", at + 1)) {
+        size_t body = reply.find("\r\n\r\n", at);
+        if (body != std::string::npos && reply.compare(body + 4, small_bytes.size(), small_bytes) == 0) ++answers;
+    }
+    return answers;
+}
+
+TEST_F(FileServerPeer, PipelinedRequestsSplitAnywhereAreAllAnswered)
+{
+    const std::string one = "GET /small.txt HTTP/1.1\r\nHost: x\r\n\r\n";
+    const std::string requests = "\r\n" + one + one + "GET /small.txt HTTP/1.1\r\nConnection: close\r\n\r\n";
+    for (size_t split = 1; split < requests.size(); split += 3) {
+        SCOPED_TRACE("split at " + std::to_string(split));
+        int fd = peer::connect_loopback(port_);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(send(fd, requests.data(), split, MSG_NOSIGNAL), static_cast<ssize_t>(split));
+        ASSERT_EQ(send(fd, requests.data() + split, requests.size() - split, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(requests.size() - split));
+        bool closed = false;
+        std::string reply = peer::read_to_close(fd, 20000, &closed);
+        close(fd);
+        EXPECT_TRUE(closed);
+        EXPECT_EQ(count_small_answers(reply), 3u) << reply;
+    }
+}
+
+TEST_F(FileServerPeer, RequestBodiesAreSkippedExactlyToTheNextRequest)
+{
+    const std::string next = "GET /small.txt HTTP/1.1\r\nConnection: close\r\n\r\n";
+    struct Row {
+        const char *name;
+        std::string request;
+    } rows[] = {
+        {"length", "POST /small.txt HTTP/1.1\r\nContent-Length: 11\r\n\r\nGET /x HTTP"},
+        {"chunked", "POST /small.txt HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "3;ext=1\r\nGET\r\nA\r\n /x HTTP/1\r\n0\r\nTrailer: GET /y HTTP/1.1\r\n\r\n"},
+        {"length 0", "DELETE /small.txt HTTP/1.1\r\nContent-Length: 0\r\n\r\n"},
+        {"HEAD of a missing file", "HEAD /missing HTTP/1.1\r\n\r\n"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        bool closed = false;
+        std::string reply = peer::exchange(port_, row.request + next, 20000, &closed);
+        EXPECT_TRUE(closed);
+        EXPECT_EQ(reply.rfind("HTTP/1.1 4", 0), 0u) << reply;
+        EXPECT_EQ(count_small_answers(reply), 1u) << reply;
+    }
+}
+
+TEST_F(FileServerPeer, Http10RequestGetsAnUnframedListingAndTheClose)
+{
+    bool closed = false;
+    std::string reply = peer::exchange(port_, "GET /sub/ HTTP/1.0\r\n\r\n", 20000, &closed);
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << reply;
+    EXPECT_EQ(lower(reply).find("transfer-encoding"), std::string::npos) << reply;
+    EXPECT_NE(reply.find("\r\nCONNECTION: close\r\n"), std::string::npos) << reply;
+    EXPECT_EQ(reply.substr(reply.size() - 20), "</ul></body></html>\n");
 }
 
 TEST_F(FileServerPeer, StopsOnSigterm)
