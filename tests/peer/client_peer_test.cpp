@@ -45,7 +45,7 @@ Fetched client_fetch(const std::string &url, const char *method = "GET", tn_uint
     f.ok = tn_http_client_set_uri(&client, text(url)) &&
            tn_http_client_request(&client, text(method), request, body ? text(body) : nullptr, status, &response,
                                   10000, 10000, 10000);
-    f.status = reinterpret_cast<char *>(status);
+    f.status.assign(reinterpret_cast<char *>(status), strnlen(reinterpret_cast<char *>(status), sizeof status));
     for (tn_uint32 i = 0; i < tn_str_array_length(&response); ++i)
         f.head.emplace_back(reinterpret_cast<char *>(tn_str_array_get_pos(&response, i)));
     if (f.ok && std::string(method) != "HEAD") {
@@ -325,6 +325,39 @@ TEST(ClientPeer, ClosedFramedBodyIsReadToTheClose)
     Fetched f = client_fetch("http://127.0.0.1:" + std::to_string(server.port()) + "/");
     EXPECT_TRUE(f.ok);
     EXPECT_TRUE(f.body == expected) << f.body.size() << " bytes";
+}
+
+TEST(ClientPeer, ResponseHeadsOfEveryShape)
+{
+    struct Row {
+        const char *name;
+        std::string reply;
+        bool ok;
+        const char *status;
+        const char *body;
+    } rows[] = {
+        {"interim answers skipped", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 199 Odd\r\nX: y\r\n\r\n"
+                                    "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", true, "200", "ok"},
+        {"empty lines before the status", "\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", true, "200", "ok"},
+        {"bare status", "HTTP/1.1 204\r\nContent-Length: 2\r\n\r\nok", true, "204", "ok"},
+        {"folded and long lines", "HTTP/1.1 200 OK\r\nX-A: one\r\n\ttwo\r\nX-B: " + std::string(7000, 'b') +
+                                      "\r\nContent-Length: 2\r\n\r\nok", true, "200", "ok"},
+        {"redirect without location", "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n\r\n", false, "302", ""},
+        {"relative location", "HTTP/1.1 301 Moved\r\nLocation: /else\r\nContent-Length: 0\r\n\r\n", false, "301", ""},
+        {"unknown transfer coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\nxx", false, "200", ""},
+        {"status of four digits", "HTTP/1.1 2000 OK\r\nContent-Length: 2\r\n\r\nok", false, "", ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        ScriptedServer server({row.reply});
+        ASSERT_NE(server.port(), 0);
+        Fetched f = client_fetch("http://127.0.0.1:" + std::to_string(server.port()) + "/");
+        EXPECT_EQ(f.ok, row.ok);
+        if (row.ok) {
+            EXPECT_EQ(f.status, row.status);
+            EXPECT_EQ(f.body, row.body);
+        }
+    }
 }
 
 TEST(ClientPeer, PostAnswered405IsRepeatedAsMPost)

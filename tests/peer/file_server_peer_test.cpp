@@ -21,6 +21,18 @@ std::string lower(std::string s)
     return s;
 }
 
+// The 200 answers in a reply, each checked to carry the small file.
+size_t count_small_answers(const std::string &reply)
+{
+    size_t answers = 0;
+    for (size_t at = reply.find("HTTP/1.1 200 OK\r\n"); at != std::string::npos;
+         at = reply.find("HTTP/1.1 200 OK\r\n", at + 1)) {
+        size_t body = reply.find("\r\n\r\n", at);
+        if (body != std::string::npos && reply.compare(body + 4, small_bytes.size(), small_bytes) == 0) ++answers;
+    }
+    return answers;
+}
+
 class FileServerPeer : public ::testing::Test {
 protected:
     void SetUp() override
@@ -236,6 +248,40 @@ TEST_F(FileServerPeer, MalformedRequestLineGets400AndTheClose)
     }
 }
 
+TEST_F(FileServerPeer, RawRequestsGetTheStatusTheirHeadCallsFor)
+{
+    const std::string close = "Connection: close\r\n\r\n";
+    struct Row {
+        const char *name;
+        std::string request;
+        const char *status;
+    } rows[] = {
+        {"method of 31 bytes", std::string(31, 'M') + " /small.txt HTTP/1.1\r\n" + close, "405"},
+        {"method of 32 bytes", std::string(32, 'M') + " /small.txt HTTP/1.1\r\n" + close, "400"},
+        {"version of 11 bytes", "GET /small.txt HTTP/1.1000\r\n" + close, "200"},
+        {"version of 12 bytes", "GET /small.txt HTTP/1.10000\r\n" + close, "400"},
+        {"colon in the path", "GET /a:b HTTP/1.1\r\n" + close, "400"},
+        {"absolute form", "GET http://any.host:81/small.txt HTTP/1.1\r\n" + close, "200"},
+        {"query ignored", "GET /small.txt?x=1 HTTP/1.1\r\n" + close, "200"},
+        {"header line over the storage", "GET /small.txt HTTP/1.1\r\nX-Long: " + std::string(3000, 'a') + "\r\n" + close,
+         "200"},
+        {"folded header line", "GET /small.txt HTTP/1.1\r\nX-A: one\r\n two\r\n" + close, "200"},
+        {"length that does not scan", "POST /small.txt HTTP/1.1\r\nContent-Length: ten\r\n" + close, "400"},
+        {"unknown transfer coding", "POST /small.txt HTTP/1.1\r\nTransfer-Encoding: gzip\r\n" + close, "501"},
+        {"bad chunk size", "POST /small.txt HTTP/1.1\r\nTransfer-Encoding: chunked\r\n" + close + "zz\r\n", "400"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        bool closed = false;
+        std::string reply = peer::exchange(port_, row.request, 20000, &closed);
+        EXPECT_TRUE(closed);
+        EXPECT_EQ(reply.substr(0, 12), std::string("HTTP/1.1 ") + row.status) << reply.substr(0, 200);
+        if (std::string(row.status) == "200") {
+            EXPECT_EQ(count_small_answers(reply), 1u);
+        }
+    }
+}
+
 TEST_F(FileServerPeer, OverlongRequestLineEndsWithAFailureStatusNotAHang)
 {
     for (size_t length : {1000u, 1030u, 4000u, 70000u}) {
@@ -270,18 +316,6 @@ TEST_F(FileServerPeer, SilentClientNeitherBlocksOthersNorStaysForever)
     EXPECT_TRUE(closed) << "a half-sent request kept its connection";
     close(silent);
     close(half);
-}
-
-// The 200 answers in a reply, each checked to carry the small file.
-size_t count_small_answers(const std::string &reply)
-{
-    size_t answers = 0;
-    for (size_t at = reply.find("HTTP/1.1 200 OK\r\n"); at != std::string::npos;
-         at = reply.find("HTTP/1.1 200 OK\r\n", at + 1)) {
-        size_t body = reply.find("\r\n\r\n", at);
-        if (body != std::string::npos && reply.compare(body + 4, small_bytes.size(), small_bytes) == 0) ++answers;
-    }
-    return answers;
 }
 
 TEST_F(FileServerPeer, PipelinedRequestsSplitAnywhereAreAllAnswered)
