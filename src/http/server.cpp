@@ -94,7 +94,8 @@ tn_bool read_length_body(tn_http_server *s, void *destination, tn_uint32 size, t
 {
     if (!destination || !size) return 0;
     tn_uint32 want = s->remaining < size ? static_cast<tn_uint32>(s->remaining) : size;
-    if (!tn_input_buffer_read(input(s), destination, want, count) || !*count) {
+    // With nothing left the read could only wait and then give 0.
+    if (!want || !tn_input_buffer_read(input(s), destination, want, count) || !*count) {
         s->body_mode = TN_HTTP_SERVER_BODY_FAILED;
         return 0;
     }

@@ -1,0 +1,591 @@
+#include <tarnel_util/tn_file.h>
+#include <tarnel_util/tn_http_header.h>
+#include <tarnel_util/tn_http_server.h>
+#include <tarnel_util/tn_time.h>
+#include <gtest/gtest.h>
+#include "support/alloc.h"
+#include "support/socket_pair.h"
+#include "support/split_feed.h"
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+using Pair = tn_test::SocketPair;
+using U = tn_uchar;
+
+const U *u(const char *s) { return reinterpret_cast<const U *>(s); }
+std::string str(const U *s) { return s ? reinterpret_cast<const char *>(s) : "(null)"; }
+
+std::string capture(const char *name)
+{
+    std::ifstream in(std::string(TN_HTTP_TEST_DATA "/") + name, std::ios::binary);
+    std::stringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+// A server record on the non-blocking end of a loopback pair; the test
+// drives the peer.
+struct Conn {
+    Pair pair{Pair::kind::tcp};
+    tn_http_server s;
+    bool ready = false;
+    explicit Conn(tn_int32 read_timeout = 0)
+    {
+        ready = tn_http_server_init(&s);
+        if (!ready) return;
+        EXPECT_TRUE(tn_http_server_set_socket2(&s, pair.ours, read_timeout, 2000));
+        pair.ours = -1; // the record owns it now
+    }
+    ~Conn()
+    {
+        if (ready) tn_http_server_free(&s);
+    }
+    void send(const std::string &t) const { ASSERT_EQ(write(pair.peer, t.data(), t.size()), ssize_t(t.size())); }
+    void shut() const { shutdown(pair.peer, SHUT_WR); }
+    tn_input_buffer *in() { return &s.input.buffer; }
+    std::string held() const { return std::string(reinterpret_cast<const char *>(s.input.buffer.storage + s.input.buffer.position), s.input.buffer.available); }
+    // What the record sent, up to the shutdown of its sending side.
+    std::string wire() const
+    {
+        shutdown(s.socket, SHUT_WR);
+        std::string got;
+        char block[4096];
+        for (ssize_t n; (n = read(pair.peer, block, sizeof block)) > 0;) got.append(block, size_t(n));
+        return got;
+    }
+    // Waits for the peer's next bytes and pools them; false at the close.
+    bool pool()
+    {
+        tn_uint32 before = in()->available, count = 0;
+        return tn_poll_wait_read(&s.poll, s.socket, 5000) && tn_input_buffer_pool(in(), &count) && count > before;
+    }
+};
+
+// The whole road of one request on the non-blocking calls, as a host's
+// event loop drives it, written into the socket in the given pieces.
+std::string drive(const std::string &text, const std::vector<size_t> &cuts)
+{
+    Conn c;
+    std::vector<std::string> pieces;
+    size_t from = 0;
+    for (size_t cut : cuts) pieces.push_back(text.substr(from, cut - from)), from = cut;
+    pieces.push_back(text.substr(from));
+    size_t next = 0;
+    std::string body, outcome;
+    U uri[256];
+    int phase = 0;
+    auto more = [&] {
+        if (next < pieces.size()) c.send(pieces[next++]);
+        else c.shut();
+        return c.pool();
+    };
+    while (outcome.empty()) {
+        tn_bool done = 0;
+        tn_uint32 count = 0, ready = 0;
+        char data[7];
+        if (phase == 0) {
+            if (!tn_http_server_read_start_line_nonblock(&c.s, uri, sizeof uri, &done)) outcome = "start line fails";
+            else if (done) phase = 1, tn_str_array_truncate(&c.s.header);
+            else if (!more()) outcome = "closed in start line";
+        } else if (phase == 1) {
+            if (!tn_http_server_read_header_nonblock(&c.s, &done)) outcome = "header fails";
+            else if (done) phase = 2;
+            else if (!more()) outcome = "closed in header";
+        } else if (c.s.body_mode == TN_HTTP_SERVER_BODY_UNFRAMED || c.s.body_mode == TN_HTTP_SERVER_BODY_ENDED) {
+            outcome = "ok";
+        } else if (!c.in()->available && !more()) {
+            outcome = "closed in body";
+        } else if (!tn_http_server_read_body_nonblock(&c.s, data, sizeof data, &count, &ready)) {
+            outcome = "body fails";
+        } else {
+            body.append(data, count);
+        }
+    }
+    std::string lines;
+    for (tn_uint32 i = 0; i < tn_str_array_length(&c.s.header); ++i) lines += str(tn_str_array_get_pos(&c.s.header, i)) + "|";
+    return outcome + " " + str(c.s.method) + " " + str(tn_uri_get_path(&c.s.uri)) + "?" + str(tn_uri_get_query(&c.s.uri)) +
+           " " + str(c.s.version) + " mode " + std::to_string(c.s.body_mode) + " {" + lines + "} body {" + body + "}";
+}
+
+struct RoadCase {
+    const char *name;
+    std::string request, expected;
+};
+
+const std::string soap = capture("soap-browse-0.request");
+const std::string soap_body = soap.substr(soap.find("\r\n\r\n") + 4);
+
+// clang-format off
+const RoadCase road_cases[] = {
+    {"device description", capture("http-get-device-description.request"),
+     "ok GET /rootDesc.xml? HTTP/1.1 mode 3 {Host: 10.77.0.1:8200|User-Agent: Linux/6 UPnP/1.0 tn-interop/0.1|Connection: close|} body {}"},
+    {"empty lines skipped", "\r\n\r\nGET /a?b=c HTTP/1.0\r\nHost: x\r\n\r\n",
+     "ok GET /a?b=c HTTP/1.0 mode 3 {Host: x|} body {}"},
+    {"folded line", "GET / HTTP/1.1\r\nX-A: one\r\n two\r\nHost: h\r\n\r\n",
+     "ok GET /? HTTP/1.1 mode 3 {X-A: one two|Host: h|} body {}"},
+    {"soap by length", soap,
+     "ok POST /ctl/ContentDir? HTTP/1.1 mode 4 {Host: 10.77.0.1:8200|Content-Type: text/xml; charset=\"utf-8\"|"
+     "SOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"|User-Agent: Linux/6 UPnP/1.0 tn-interop/0.1|"
+     "Content-Length: 438|Connection: close|} body {" + soap_body + "}"},
+    {"chunked upload", "POST /up HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n",
+     "ok POST /up? HTTP/1.1 mode 4 {Transfer-Encoding: chunked|} body {hello}"},
+    {"body cut short", "PUT / HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc",
+     "closed in body PUT /? HTTP/1.1 mode 1 {Content-Length: 9|} body {abc}"},
+    {"head cut short", "GET / HTTP/1.1\r\nHost",
+     "closed in header GET /? HTTP/1.1 mode 0 {} body {}"},
+    {"bad chunk framing", "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+     "body fails POST /? HTTP/1.1 mode 2 {Transfer-Encoding: chunked|} body {}"},
+};
+// clang-format on
+
+TEST(HttpServerRoad, EveryWayOfCuttingTheRequestReadsTheSame)
+{
+    for (const RoadCase &c : road_cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(drive(c.request, {}), c.expected);
+        for (const auto &cuts : tn_test::every_split(c.request.size())) {
+            std::string got = drive(c.request, cuts);
+            if (got != c.expected) {
+                ADD_FAILURE() << cuts.size() << " cuts, first at " << (cuts.empty() ? 0 : cuts[0]) << "\n" << got;
+                break;
+            }
+        }
+    }
+}
+
+// The blocking reader over a whole request that the peer then closes.
+struct Head {
+    tn_bool result;
+    std::string method, uri, version;
+    tn_uint32 mode;
+    tn_uint64 remaining;
+};
+
+Head read_head(const std::string &request, tn_int32 read_timeout = 5000)
+{
+    Conn c(read_timeout);
+    c.send(request);
+    c.shut();
+    tn_bool r = tn_http_server_read_header(&c.s);
+    return {r, str(c.s.method), str(tn_uri_get_path(&c.s.uri)), str(c.s.version), c.s.body_mode, c.s.remaining};
+}
+
+struct StartCase {
+    const char *name;
+    std::string line;
+    tn_bool result;
+    const char *method, *path, *version;
+};
+
+const std::string m31(31, 'M'), uri255 = "/" + std::string(254, 'u');
+
+// clang-format off
+const StartCase start_cases[] = {
+    {"plain",              "GET / HTTP/1.1",                   1, "GET", "/", "HTTP/1.1"},
+    {"tabs",               "GET\t/x\tHTTP/1.1",                1, "GET", "/x", "HTTP/1.1"},
+    {"fourth token",       "GET / HTTP/1.1 extra",             1, "GET", "/", "HTTP/1.1"},
+    {"two tokens",         "GET /",                            0, "GET", "/", ""},
+    {"other protocol",     "GET / FTP/1.1",                    0, "GET", "/", "FTP/1.1"},
+    {"version case",       "GET / http/1.1",                   0, "GET", "/", "http/1.1"},
+    {"leading blank",      " GET / HTTP/1.1",                  0, "", "(null)", ""},
+    {"colon in URI",       "GET /a:b HTTP/1.1",                0, "GET", "(null)", ""},
+    {"method 31",          m31 + " / HTTP/1.1",                1, m31.c_str(), "/", "HTTP/1.1"},
+    {"method 32",          m31 + "M / HTTP/1.1",               0, "", "(null)", ""},
+    {"version 11",         "GET / HTTP/1.1234",                1, "GET", "/", "HTTP/1.1234"},
+    {"version 12",         "GET / HTTP/1.12345",               0, "GET", "/", ""},
+    {"URI 255",            "GET " + uri255 + " HTTP/1.1",      1, "GET", uri255.c_str(), "HTTP/1.1"},
+    {"URI 256",            "GET " + uri255 + "u HTTP/1.1",     0, "GET", "(null)", ""},
+};
+// clang-format on
+
+TEST(HttpServerStartLine, TokensAndTheirLimits)
+{
+    for (const StartCase &c : start_cases) {
+        SCOPED_TRACE(c.name + std::string(": ") + c.line);
+        Head h = read_head(c.line + "\r\n\r\n");
+        EXPECT_EQ(h.result, c.result);
+        EXPECT_EQ(h.method, c.method);
+        EXPECT_EQ(h.uri, c.path);
+        EXPECT_EQ(h.version, c.version);
+    }
+}
+
+// The line may fill the 1024 bytes of storage with its CRLF, and no more;
+// one byte more fails at once rather than waiting for a line end that no
+// refill can bring, with or without a read time-out.
+TEST(HttpServerStartLine, ALineMustFitTheInputStorage)
+{
+    for (size_t length : {1024u, 1025u, 2000u}) {
+        SCOPED_TRACE(length);
+        std::string line = "GET /" + std::string(length - 16, 'a') + " HTTP/1.1\r\n";
+        ASSERT_EQ(line.size(), length);
+        Conn c;
+        c.send(line);
+        std::vector<U> uri(2048);
+        tn_bool done = 0, r = 1;
+        for (int i = 0; i < 10 && r && !done; ++i) {
+            r = tn_http_server_read_start_line_nonblock(&c.s, uri.data(), tn_uint32(uri.size()), &done);
+            if (r && !done) {
+                ASSERT_TRUE(c.pool());
+            }
+        }
+        EXPECT_EQ(r && done, length <= 1024);
+    }
+    tn_elapse watch;
+    tn_elapse_start(&watch);
+    EXPECT_FALSE(read_head("GET /" + std::string(1100, 'a'), -1).result);
+    EXPECT_LT(tn_elapse_total(&watch), 2000u);
+}
+
+struct FramingCase {
+    const char *name, *lines;
+    tn_bool result;
+    tn_uint32 mode;
+    tn_uint64 remaining;
+};
+
+// clang-format off
+const FramingCase framing_cases[] = {
+    {"chunked",                "Transfer-Encoding: chunked\r\n",                         1, TN_HTTP_SERVER_BODY_CHUNKED,  0},
+    {"chunked any case",       "TRANSFER-ENCODING: ChUnKeD\r\n",                         1, TN_HTTP_SERVER_BODY_CHUNKED,  0},
+    {"chunked over a length",  "Content-Length: 10\r\nTransfer-Encoding: chunked\r\n",   1, TN_HTTP_SERVER_BODY_CHUNKED,  0},
+    {"gzip over a length",     "Transfer-Encoding: gzip\r\nContent-Length: 5\r\n",       1, TN_HTTP_SERVER_BODY_UNFRAMED, 0},
+    {"chunked not whole",      "Transfer-Encoding: gzip, chunked\r\n",                   1, TN_HTTP_SERVER_BODY_UNFRAMED, 0},
+    {"length",                 "Content-Length: 123\r\n",                                1, TN_HTTP_SERVER_BODY_LENGTH,   123},
+    {"length 0",               "Content-Length: 0\r\n",                                  1, TN_HTTP_SERVER_BODY_LENGTH,   0},
+    {"largest length",         "Content-Length: 18446744073709551615\r\n",               1, TN_HTTP_SERVER_BODY_LENGTH,   18446744073709551615u},
+    {"length does not scan",   "Content-Length: ten\r\n",                                0, TN_HTTP_SERVER_BODY_NONE,     0},
+    {"neither",                "Host: a\r\n",                                            1, TN_HTTP_SERVER_BODY_UNFRAMED, 0},
+};
+// clang-format on
+
+TEST(HttpServerHeader, TheFramingTable)
+{
+    for (const FramingCase &c : framing_cases) {
+        SCOPED_TRACE(c.name);
+        Head h = read_head(std::string("POST / HTTP/1.1\r\n") + c.lines + "\r\n");
+        EXPECT_EQ(h.result, c.result);
+        EXPECT_EQ(h.mode, c.mode);
+        EXPECT_EQ(h.remaining, c.remaining);
+    }
+}
+
+struct PersistCase {
+    const char *version, *lines;
+    tn_bool persistent;
+};
+
+// clang-format off
+const PersistCase persist_cases[] = {
+    {"HTTP/1.1", "",                                1},
+    {"HTTP/1.1", "Connection: close\r\n",           0},
+    {"HTTP/1.1", "Connection: Close\r\n",           0},
+    {"HTTP/1.1", "Connection: close, x\r\n",        1},
+    {"HTTP/1.1", "Connection: keep-alive\r\n",      1},
+    {"HTTP/1.0", "",                                0},
+    {"HTTP/1.0", "Connection: keep-alive\r\n",      0},
+    {"HTTP/1.2", "",                                1},
+};
+// clang-format on
+
+TEST(HttpServerHeader, ThePersistenceTable)
+{
+    for (const PersistCase &c : persist_cases) {
+        SCOPED_TRACE(std::string(c.version) + " " + c.lines);
+        Conn conn(5000);
+        conn.send(std::string("GET / ") + c.version + "\r\n" + c.lines + "\r\n");
+        ASSERT_TRUE(tn_http_server_read_header(&conn.s));
+        EXPECT_EQ(tn_http_server_is_persistent_connection_request(&conn.s), c.persistent);
+        EXPECT_EQ(tn_http_server_is_request_version_1_0(&conn.s), std::string(c.version) == "HTTP/1.0");
+    }
+}
+
+TEST(HttpServerHeader, BytesOfTheNextRequestSurviveTheReset)
+{
+    Conn c(5000);
+    c.send("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\nHost: b\r\n\r\n");
+    ASSERT_TRUE(tn_http_server_read_header(&c.s));
+    EXPECT_EQ(str(tn_uri_get_path(&c.s.uri)), "/1");
+    tn_http_server_reset(&c.s);
+    EXPECT_EQ(tn_uri_get_path(&c.s.uri), nullptr);
+    c.shut();
+    ASSERT_TRUE(tn_http_server_read_header(&c.s));
+    EXPECT_EQ(str(tn_uri_get_path(&c.s.uri)), "/2");
+    EXPECT_EQ(tn_str_array_length(&c.s.header), 1u);
+}
+
+struct BodyRead {
+    tn_bool result;
+    std::string data;
+    tn_uint32 ready, mode;
+};
+
+BodyRead read_body(Conn &c, tn_uint32 size)
+{
+    std::vector<char> d(size + 1);
+    tn_uint32 count = 9, ready = 9;
+    tn_bool r = tn_http_server_read_body_nonblock(&c.s, d.data(), size, &count, &ready);
+    return {r, std::string(d.data(), count), ready, c.s.body_mode};
+}
+
+TEST(HttpServerBody, ByLengthInPiecesThenEnded)
+{
+    Conn c(5000);
+    c.send("PUT / HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789GET");
+    ASSERT_TRUE(tn_http_server_read_header(&c.s));
+    const BodyRead expected[] = {{1, "0123", 1, 1}, {1, "4567", 1, 1}, {1, "89", 1, 4}, {1, "", 1, 4}};
+    for (const BodyRead &e : expected) {
+        BodyRead got = read_body(c, 4);
+        EXPECT_EQ(got.result, e.result);
+        EXPECT_EQ(got.data, e.data);
+        EXPECT_EQ(got.ready, e.ready);
+        EXPECT_EQ(got.mode, e.mode);
+    }
+    EXPECT_TRUE(tn_http_server_is_request_body_eos(&c.s));
+    EXPECT_EQ(c.held(), "GET") << "the next request's bytes stay held";
+}
+
+TEST(HttpServerBody, ALengthOfZeroIsNotEndedAndAReadFails)
+{
+    Conn c(5000);
+    c.send("PUT / HTTP/1.1\r\nContent-Length: 0\r\n\r\n");
+    ASSERT_TRUE(tn_http_server_read_header(&c.s));
+    EXPECT_FALSE(tn_http_server_is_request_body_eos(&c.s));
+    BodyRead got = read_body(c, 4);
+    EXPECT_FALSE(got.result);
+    EXPECT_EQ(got.mode, TN_HTTP_SERVER_BODY_FAILED);
+    EXPECT_FALSE(read_body(c, 4).result) << "failed stays failed";
+}
+
+TEST(HttpServerBody, NoBodyWithoutFraming)
+{
+    Conn c(5000);
+    c.send("GET / HTTP/1.1\r\n\r\nxyz");
+    ASSERT_TRUE(tn_http_server_read_header(&c.s));
+    EXPECT_FALSE(read_body(c, 4).result);
+    EXPECT_EQ(c.held(), "xyz");
+}
+
+std::string without_date(const std::string &wire) { return std::regex_replace(wire, std::regex("DATE: [^\r]*\r\n"), "DATE: *\r\n"); }
+
+struct ErrorCase {
+    const char *name, *method, *status, *reason;
+    tn_bool persistent;
+    std::string wire;
+};
+
+const std::string head_404 = "HTTP/1.1 404 Not Found\r\nSERVER: s/1\r\nDATE: *\r\n";
+
+// clang-format off
+const ErrorCase error_cases[] = {
+    {"404", "GET", "404", nullptr, 0,
+     head_404 + "CONNECTION: close\r\nCONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Not Found</body></html>\r\n"},
+    {"404 to HEAD", "HEAD", "404", nullptr, 1,
+     head_404 + "CONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n"},
+    {"unknown status", "GET", "799", nullptr, 1,
+     "HTTP/1.1 799 Error\r\nSERVER: s/1\r\nDATE: *\r\nCONTENT-LENGTH: 33\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Error</body></html>\r\n"},
+    {"own reason", "GET", "500", "Gone Fishing", 1,
+     "HTTP/1.1 500 Gone Fishing\r\nSERVER: s/1\r\nDATE: *\r\nCONTENT-LENGTH: 40\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Gone Fishing</body></html>\r\n"},
+};
+// clang-format on
+
+TEST(HttpServerWrite, ErrorResponsesByteForByte)
+{
+    for (const ErrorCase &c : error_cases) {
+        SCOPED_TRACE(c.name);
+        Conn conn(5000);
+        conn.send(std::string(c.method) + " / HTTP/1.1\r\n\r\n");
+        ASSERT_TRUE(tn_http_server_read_header(&conn.s));
+        EXPECT_TRUE(tn_http_server_write_error_response2(&conn.s, u(c.status), u(c.reason), u("s/1"), c.persistent));
+        EXPECT_EQ(without_date(conn.wire()), c.wire);
+    }
+}
+
+// Status and reason may lie in the block that the response fills.
+TEST(HttpServerWrite, ErrorResponseTextsFromItsOwnBlock)
+{
+    Conn c;
+    tn_str_array block;
+    tn_str_array_init(&block);
+    ASSERT_TRUE(tn_str_array_cato(&block, u("503")));
+    ASSERT_TRUE(tn_str_array_cato(&block, u("Busy Now")));
+    for (int i = 0; i < 40; ++i) ASSERT_TRUE(tn_http_header_set_str(&block, u("X-Filler"), u("0123456789"), 0));
+    EXPECT_TRUE(tn_http_server_write_error_response(&c.s, tn_str_array_get_pos(&block, 0), tn_str_array_get_pos(&block, 1),
+                                                    &block, u("s/1"), 1));
+    std::string wire = c.wire();
+    EXPECT_EQ(wire.substr(0, 24), "HTTP/1.1 503 Busy Now\r\n5");
+    EXPECT_NE(wire.find("CONTENT-LENGTH: 36\r\n"), std::string::npos);
+    EXPECT_EQ(wire.substr(wire.size() - 40), "\r\n\r\n<html><body>Busy Now</body></html>\r\n");
+    tn_str_array_free(&block);
+}
+
+struct ChunkCase {
+    const char *version;
+    std::string wire;
+};
+
+TEST(HttpServerWrite, ChunksByTheRequestsVersion)
+{
+    const ChunkCase cases[] = {
+        {"HTTP/1.1", "HTTP/1.1 200 OK\r\nA: b\r\n\r\n3\r\nabc\r\n" + std::string("12c\r\n") + std::string(300, 'z') + "\r\n0\r\n\r\n"},
+        {"HTTP/1.0", "HTTP/1.1 200 OK\r\nA: b\r\n\r\nabc" + std::string(300, 'z')},
+    };
+    const std::string long_data(300, 'z');
+    for (const ChunkCase &c : cases) {
+        SCOPED_TRACE(c.version);
+        Conn conn(5000);
+        conn.send(std::string("GET / ") + c.version + "\r\n\r\n");
+        ASSERT_TRUE(tn_http_server_read_header(&conn.s));
+        tn_str_array block;
+        tn_str_array_init(&block);
+        ASSERT_TRUE(tn_str_array_cato(&block, u("A: b")));
+        EXPECT_TRUE(tn_http_server_write_status_line(&conn.s, tn_http_status_ok(), nullptr));
+        EXPECT_TRUE(tn_http_server_write_header(&conn.s, &block));
+        EXPECT_TRUE(tn_http_server_write_chunk(&conn.s, "abc", 3));
+        EXPECT_TRUE(tn_http_server_write_chunk(&conn.s, long_data.data(), 300));
+        EXPECT_TRUE(tn_http_server_write_chunk_eos(&conn.s));
+        EXPECT_TRUE(tn_http_server_flush_output(&conn.s));
+        EXPECT_EQ(conn.wire(), c.wire);
+        tn_str_array_free(&block);
+    }
+}
+
+TEST(HttpServerWrite, AHeadLongerThanTheStorageGoesOutWhole)
+{
+    Conn c;
+    tn_str_array block;
+    tn_str_array_init(&block);
+    std::string expected = "HTTP/1.1 200 OK\r\n";
+    for (int i = 0; i < 30; ++i) {
+        std::string line = "X-" + std::to_string(i) + ": " + std::string(size_t(i), 'v');
+        ASSERT_TRUE(tn_str_array_cato(&block, u(line.c_str())));
+        expected += line + "\r\n";
+    }
+    EXPECT_TRUE(tn_http_server_write_status_line(&c.s, u("200"), nullptr));
+    EXPECT_TRUE(tn_http_server_write_header(&c.s, &block));
+    EXPECT_TRUE(tn_http_server_write(&c.s, "body", 4));
+    EXPECT_TRUE(tn_http_server_flush_output(&c.s));
+    EXPECT_EQ(c.wire(), expected + "\r\nbody");
+    tn_str_array_free(&block);
+}
+
+// A file of known bytes in the test's own directory.
+struct TempFile {
+    std::string path = testing::TempDir() + "tn_http_server_file";
+    std::string bytes;
+    tn_file fd = -1;
+    explicit TempFile(size_t n)
+    {
+        for (size_t i = 0; i < n; ++i) bytes += char('a' + i % 23);
+        std::ofstream(path, std::ios::binary) << bytes;
+        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    ~TempFile()
+    {
+        close(fd);
+        unlink(path.c_str());
+    }
+};
+
+TEST(HttpServerWrite, SendFileSendsTheHeadThenTheRange)
+{
+    TempFile f(30000);
+    Conn c;
+    EXPECT_TRUE(tn_http_server_write(&c.s, "head|", 5));
+    tn_uint64 count = 1;
+    EXPECT_TRUE(tn_http_server_send_file(&c.s, f.fd, 100, 20000, &count));
+    EXPECT_EQ(count, 20000u);
+    EXPECT_EQ(c.wire(), "head|" + f.bytes.substr(100, 20000));
+}
+
+// More than the socket holds: the send waits for the reader between passes.
+TEST(HttpServerThreads, SendFileWaitsForASlowReader)
+{
+    TempFile f(3 << 20);
+    Conn c;
+    std::string got;
+    std::thread reader([&] {
+        char block[65536];
+        for (ssize_t n; (n = read(c.pair.peer, block, sizeof block)) > 0;) {
+            got.append(block, size_t(n));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    tn_uint64 count = 0;
+    EXPECT_TRUE(tn_http_server_send_file(&c.s, f.fd, 1, f.bytes.size() - 1, &count));
+    EXPECT_EQ(count, f.bytes.size() - 1);
+    shutdown(c.s.socket, SHUT_WR);
+    reader.join();
+    EXPECT_TRUE(got == f.bytes.substr(1)) << got.size() << " bytes arrived";
+}
+
+TEST(HttpServerWrite, SendFileOfARangePastTheEndFailsAndCounts)
+{
+    TempFile f(1000);
+    Conn c;
+    tn_uint64 count = 0;
+    tn_elapse watch;
+    tn_elapse_start(&watch);
+    EXPECT_FALSE(tn_http_server_send_file(&c.s, f.fd, 600, 1000, &count));
+    EXPECT_LT(tn_elapse_total(&watch), 2000u);
+    EXPECT_EQ(count, 400u);
+    EXPECT_EQ(c.wire(), f.bytes.substr(600));
+}
+
+TEST(HttpServerWrite, SendFileNonblockFlushesFirst)
+{
+    TempFile f(100);
+    Conn c;
+    EXPECT_TRUE(tn_http_server_write(&c.s, "H", 1));
+    tn_uint64 count = 0;
+    EXPECT_TRUE(tn_http_server_send_file_nonblock(&c.s, f.fd, 10, 20, &count));
+    EXPECT_EQ(count, 20u);
+    tn_poll_cancel(tn_http_server_get_poll(&c.s));
+    EXPECT_FALSE(tn_http_server_send_file_nonblock(&c.s, f.fd, 30, 20, &count));
+    EXPECT_EQ(c.wire(), "H" + f.bytes.substr(10, 20));
+}
+
+TEST(HttpServerThreads, ACancelEndsABlockingReadWithinASlice)
+{
+    Conn c(-1);
+    c.send("GET / HT");
+    tn_elapse watch;
+    tn_elapse_start(&watch);
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        tn_poll_cancel(tn_http_server_get_poll(&c.s));
+    });
+    EXPECT_FALSE(tn_http_server_read_header(&c.s));
+    canceller.join();
+    EXPECT_LT(tn_elapse_total(&watch), 2000u);
+}
+
+struct HttpServerAlloc : tn_test::AllocTest {};
+
+// One request's road: init, read the head, answer, free.
+TEST_F(HttpServerAlloc, EveryFailingAllocationGivesACleanFailure)
+{
+    const std::string request = capture("http-get-device-description.request");
+    std::int64_t made = tn_test::sweep_alloc_failures([&] {
+        Pair pair{Pair::kind::tcp};
+        EXPECT_EQ(write(pair.peer, request.data(), request.size()), ssize_t(request.size()));
+        tn_http_server s;
+        if (!tn_http_server_init(&s)) return false;
+        tn_http_server_set_socket2(&s, pair.ours, 5000, 5000);
+        pair.ours = -1;
+        bool ok = tn_http_server_read_header(&s) && tn_http_server_write_error_response2(&s, u("404"), nullptr, u("s/1"), 0);
+        tn_http_server_free(&s);
+        return ok;
+    });
+    EXPECT_GE(made, 5) << "the road allocates for the block, the URI, the accumulator and the poll set";
+}
+
+} // namespace
