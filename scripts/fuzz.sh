@@ -25,7 +25,7 @@ cmake --build --preset fuzz
 build="$root/build/fuzz"
 mkdir -p "$build/artifacts"
 status=0
-for target in fuzz_byte_find fuzz_array fuzz_mime_type fuzz_rfc1123_date fuzz_uri fuzz_http_chunk fuzz_http_header fuzz_http_range fuzz_http_server_request; do
+for target in fuzz_byte_find fuzz_array fuzz_mime_type fuzz_rfc1123_date fuzz_uri fuzz_http_chunk fuzz_http_header fuzz_http_range fuzz_http_server_request fuzz_http_client_response; do
   mkdir -p "$build/corpus/$target"
   echo "== $target: $seconds s"
   if ! "$build/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \

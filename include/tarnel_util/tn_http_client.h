@@ -187,17 +187,17 @@ TN_API tn_bool tn_http_client_write_header(tn_http_client *client, const tn_ucha
  *      target is the uri's path, and "?" and the query when the query is
  *      not empty; through a proxy the protocol, "://", the host, and ":"
  *      and the port when the uri has one, stand in front of it;
- *   2. for HTTP/1.1 a HOST line: the block's own HOST line when it has one,
- *      else the uri's host, and ":" and the port when the uri has one (the
- *      uri's host through a proxy as well). HTTP/1.0 gets no generated
- *      HOST line;
+ *   2. a HOST line: the block's first HOST line when it has one, for
+ *      either version; else, for HTTP/1.1 only, HOST with the uri's host,
+ *      and ":" and the port when the uri has one (the uri's host through a
+ *      proxy as well);
  *   3. unless the block has a CONTENT-LENGTH or TRANSFER-ENCODING line:
  *      CONTENT-LENGTH with content_length in decimal, for every method,
  *      0 included;
  *   4. with the close flag set and no CONNECTION line in the block:
  *      "CONNECTION: close";
- *   5. the lines of the block in order, its HOST lines left out (the first
- *      went out in step 2);
+ *   5. the lines of the block in order, its HOST lines left out, so that
+ *      at most one HOST line goes out;
  *   6. the empty line, then a flush, whose result is the result.
  * The write time-out is stored for each wait of the output. A version
  * other than 0 and 1 returns 0 with nothing written. The block may be

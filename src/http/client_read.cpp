@@ -160,10 +160,11 @@ tn_bool tn_http_client_read_body_nonblock(tn_http_client *c, void *destination, 
     if (!count || !ready) return 0;
     *count = 0;
     *ready = 0;
-    if (!c || !destination || !size) return 0;
+    if (!c) return 0;
+    if (c->state == TN_HTTP_CLIENT_BODY_ENDED) return *ready = 1;
+    if (!destination || !size) return 0;
     tn_bool ok = 0;
     switch (c->state) {
-    case TN_HTTP_CLIENT_BODY_ENDED: ok = 1; break;
     case TN_HTTP_CLIENT_BODY_LENGTH: ok = read_by_length(c, destination, size, count); break;
     case TN_HTTP_CLIENT_BODY_TO_CLOSE: ok = read_to_close(c, destination, size, count); break;
     case TN_HTTP_CLIENT_BODY_CHUNKED: return read_chunk(c, destination, size, count, ready);
@@ -178,8 +179,9 @@ tn_bool tn_http_client_read_body(tn_http_client *c, void *destination, tn_uint32
 {
     if (!count) return 0;
     *count = 0;
-    if (!c || !destination || !size) return 0;
+    if (!c) return 0;
     if (c->state == TN_HTTP_CLIENT_BODY_ENDED) return 1;
+    if (!destination || !size) return 0;
     const tn_time deadline = tn::http::deadline_after(timeout_ms);
     switch (c->state) {
     case TN_HTTP_CLIENT_BODY_LENGTH:
