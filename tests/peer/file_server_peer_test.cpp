@@ -295,7 +295,7 @@ TEST_F(FileServerPeer, OverlongRequestLineEndsWithAFailureStatusNotAHang)
     }
 }
 
-TEST_F(FileServerPeer, SilentClientNeitherBlocksOthersNorStaysForever)
+TEST_F(FileServerPeer, SilentOrStalledClientsNeitherBlockOthersNorStayForever)
 {
     server_.stop();
     start({"--idle-seconds", "1"});
@@ -304,6 +304,12 @@ TEST_F(FileServerPeer, SilentClientNeitherBlocksOthersNorStaysForever)
     ASSERT_GE(silent, 0);
     ASSERT_GE(half, 0);
     ASSERT_EQ(send(half, "GET /small.txt HT", 17, MSG_NOSIGNAL), 17);
+    int stalled = peer::connect_loopback(port_);
+    ASSERT_GE(stalled, 0);
+    int small = 4096;
+    setsockopt(stalled, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    const std::string get_big = "GET /big.bin HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(send(stalled, get_big.data(), get_big.size(), MSG_NOSIGNAL), static_cast<ssize_t>(get_big.size()));
 
     std::string body;
     EXPECT_EQ(fetch({}, "/big.bin", &body), "200");
@@ -314,8 +320,12 @@ TEST_F(FileServerPeer, SilentClientNeitherBlocksOthersNorStaysForever)
     EXPECT_TRUE(closed) << "a silent connection stayed open";
     peer::read_to_close(half, 20000, &closed);
     EXPECT_TRUE(closed) << "a half-sent request kept its connection";
+    std::string part = peer::read_to_close(stalled, 20000, &closed);
+    EXPECT_TRUE(closed) << "a reader that stopped kept its connection";
+    EXPECT_LT(part.size(), big_bytes.size()) << "the stalled reader got the whole file";
     close(silent);
     close(half);
+    close(stalled);
 }
 
 TEST_F(FileServerPeer, PipelinedRequestsSplitAnywhereAreAllAnswered)
