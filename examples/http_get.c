@@ -47,6 +47,35 @@ static int usage(void)
     return 2;
 }
 
+/* Stores the value of an option that takes one; 0 when none follows. */
+static int take_value(int argc, char **argv, int *i, const char **value)
+{
+    if (*i + 1 >= argc) return 0;
+    *value = argv[++*i];
+    return 1;
+}
+
+static int parse_option(int argc, char **argv, int *i, struct options *o, tn_str_array *request)
+{
+    const char *a = argv[*i], *value = NULL;
+
+    if (strcmp(a, "-i") == 0) o->show_head = 1;
+    else if (strcmp(a, "-I") == 0) {
+        o->show_head = o->head_only = 1;
+        o->method = "HEAD";
+    } else if (a[0] != '-' && !o->url) o->url = a;
+    else if (!take_value(argc, argv, i, &value)) return 0;
+    else if (strcmp(a, "-o") == 0) o->output = value;
+    else if (strcmp(a, "-X") == 0) o->method = value;
+    else if (strcmp(a, "-d") == 0) o->body = value;
+    else if (strcmp(a, "--proxy") == 0) o->proxy = value;
+    else if (strcmp(a, "--max-redirects") == 0) o->max_redirects = atol(value);
+    else if (strcmp(a, "--timeout") == 0) o->timeout = (tn_int32)atol(value);
+    else if (strcmp(a, "-H") == 0) return tn_str_array_cato(request, text(value));
+    else return 0;
+    return 1;
+}
+
 static int parse_options(int argc, char **argv, struct options *o, tn_str_array *request)
 {
     int i;
@@ -56,23 +85,8 @@ static int parse_options(int argc, char **argv, struct options *o, tn_str_array 
     o->max_redirects = 10;
     o->timeout = 10000;
     o->proxy = getenv("http_proxy");
-    for (i = 1; i < argc; ++i) {
-        const char *a = argv[i], *value = i + 1 < argc ? argv[i + 1] : NULL;
-        if (strcmp(a, "-i") == 0) o->show_head = 1;
-        else if (strcmp(a, "-I") == 0) o->show_head = o->head_only = 1, o->method = "HEAD";
-        else if (a[0] != '-' && !o->url) o->url = a;
-        else if (!value) return 0;
-        else if (strcmp(a, "-o") == 0) o->output = value, ++i;
-        else if (strcmp(a, "-X") == 0) o->method = value, ++i;
-        else if (strcmp(a, "-d") == 0) o->body = value, ++i;
-        else if (strcmp(a, "--proxy") == 0) o->proxy = value, ++i;
-        else if (strcmp(a, "--max-redirects") == 0) o->max_redirects = atol(value), ++i;
-        else if (strcmp(a, "--timeout") == 0) o->timeout = (tn_int32)atol(value), ++i;
-        else if (strcmp(a, "-H") == 0) {
-            if (!tn_str_array_cato(request, text(value))) return 0;
-            ++i;
-        } else return 0;
-    }
+    for (i = 1; i < argc; ++i)
+        if (!parse_option(argc, argv, &i, o, request)) return 0;
     return o->url != NULL && o->max_redirects >= 0;
 }
 

@@ -385,4 +385,19 @@ TEST(ClientPeer, PostAnswered405IsRepeatedAsMPost)
     EXPECT_NE(requests[1].find("\r\n01-SOAPACTION: \"urn:x#Act\"\r\n"), std::string::npos) << requests[1];
 }
 
+TEST(ClientPeer, HttpGetSendsMethodHeadersAndBodyAsGiven)
+{
+    ScriptedServer server({"HTTP/1.1 405 Method Not Allowed\r\nContent-Length: 0\r\n\r\n",
+                           "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"});
+    ASSERT_NE(server.port(), 0);
+    peer::Result r = peer::run({TN_HTTP_GET, "-X", "POST", "-H", "SOAPACTION: \"urn:x#Act\"", "-d", "<body/>",
+                                "http://127.0.0.1:" + std::to_string(server.port()) + "/control"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "ok");
+    std::vector<std::string> requests = server.requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_NE(requests[0].find("\r\nCONTENT-LENGTH: 7\r\n"), std::string::npos) << requests[0];
+    EXPECT_EQ(requests[1].rfind("M-POST /control HTTP/1.1\r\n", 0), 0u) << requests[1];
+}
+
 } // namespace
