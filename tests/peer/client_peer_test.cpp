@@ -346,6 +346,8 @@ TEST(ClientPeer, ResponseHeadsOfEveryShape)
         {"relative location", "HTTP/1.1 301 Moved\r\nLocation: /else\r\nContent-Length: 0\r\n\r\n", false, "301", ""},
         {"unknown transfer coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\nxx", false, "200", ""},
         {"status of four digits", "HTTP/1.1 2000 OK\r\nContent-Length: 2\r\n\r\nok", false, "", ""},
+        {"status line over the storage", "HTTP/1.1 200 " + std::string(9000, 'x') + "\r\nContent-Length: 2\r\n\r\nok",
+         false, "", ""},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);

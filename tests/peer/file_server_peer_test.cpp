@@ -367,6 +367,9 @@ TEST_F(FileServerPeer, RequestBodiesAreSkippedExactlyToTheNextRequest)
         EXPECT_TRUE(closed);
         EXPECT_EQ(reply.rfind("HTTP/1.1 4", 0), 0u) << reply;
         EXPECT_EQ(count_small_answers(reply), 1u) << reply;
+        if (row.request.rfind("HEAD", 0) == 0) {
+            EXPECT_NE(reply.find("\r\n\r\nHTTP/1.1 200 OK\r\n"), std::string::npos) << "a page after a HEAD";
+        }
     }
 }
 
