@@ -200,8 +200,8 @@ TN_API tn_bool tn_http_client_write_header(tn_http_client *client, const tn_ucha
  *      at most one HOST line goes out;
  *   6. the empty line, then a flush, whose result is the result.
  * The write time-out is stored for each wait of the output. A version
- * other than 0 and 1 returns 0 with nothing written. The block may be
- * null. The state is not looked at. */
+ * other than 0 and 1, an empty uri or a failed block returns 0 with
+ * nothing written. The block may be null. The state is not looked at. */
 TN_API tn_bool tn_http_client_write_header2(tn_http_client *client, const tn_uchar *method, tn_uint32 content_length,
                                             tn_bool close, const tn_str_array *block, tn_int32 write_timeout_ms);
 

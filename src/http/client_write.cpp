@@ -109,7 +109,10 @@ tn_bool tn_http_client_write_header(tn_http_client *c, const tn_uchar *method, t
 tn_bool tn_http_client_write_header2(tn_http_client *c, const tn_uchar *method, tn_uint32 content_length,
                                      tn_bool close, const tn_str_array *block, tn_int32 write_timeout_ms)
 {
+    // A failed block lost lines of the caller's: sending without them would
+    // be a different request.
     if (!c || !method || c->version > 1 || !tn_uri_get_path(&c->uri)) return 0;
+    if (block && tn_str_array_failed(block)) return 0;
     tn_socket_output_buffer_set_write_timeout(&c->output, write_timeout_ms);
     return put_request_line(c, method) && put_host(c, block) && put_length(c, block, content_length) &&
            put_close(c, block, close) && put_block(c, block) && put(c, tn_str_crlf()) &&

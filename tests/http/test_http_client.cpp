@@ -196,6 +196,7 @@ const HeadCase head_cases[] = {
     {"Hostname is no HOST", "http://h/", 1, nullptr, "GET", {"Hostname: x"}, 0, 0,
      "GET / HTTP/1.1\r\nHOST: h\r\nCONTENT-LENGTH: 0\r\nHostname: x\r\n\r\n"},
     {"version 2", "http://h/", 2, nullptr, "GET", {}, 0, 0, nullptr},
+    {"failed block", "http://h/", 1, nullptr, "GET", {"X: 1", nullptr}, 0, 0, nullptr},
 };
 // clang-format on
 
@@ -210,7 +211,10 @@ TEST_F(HttpClient, RequestHeadsAreExact)
         ASSERT_TRUE(tn_http_client_set_proxy(&c, t.proxy ? u(t.proxy) : nullptr, 3128));
         tn_str_array block;
         tn_str_array_init(&block);
-        for (const char *line : t.block) tn_str_array_cato(&block, u(line));
+        for (const char *line : t.block) {
+            if (line) tn_str_array_cato(&block, u(line));
+            else tn_array_fail(&block.pool); // a null line stands for a failed append
+        }
         EXPECT_EQ(tn_http_client_write_header2(&c, u(t.method), t.length, t.close, &block, 1000), t.wire != nullptr);
         EXPECT_EQ(drain(pair.peer), t.wire ? t.wire : "");
         tn_str_array_free(&block);
