@@ -373,6 +373,20 @@ TEST_F(FileServerPeer, RequestBodiesAreSkippedExactlyToTheNextRequest)
     }
 }
 
+TEST_F(FileServerPeer, ClientThatHalfClosesStillGetsEveryAnswer)
+{
+    const std::string one = "GET /small.txt HTTP/1.1\r\n\r\n";
+    int fd = peer::connect_loopback(port_);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(send(fd, (one + one).data(), 2 * one.size(), MSG_NOSIGNAL), static_cast<ssize_t>(2 * one.size()));
+    shutdown(fd, SHUT_WR);
+    bool closed = false;
+    std::string reply = peer::read_to_close(fd, 20000, &closed);
+    close(fd);
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(count_small_answers(reply), 2u) << reply;
+}
+
 TEST_F(FileServerPeer, Http10RequestGetsAnUnframedListingAndTheClose)
 {
     bool closed = false;
