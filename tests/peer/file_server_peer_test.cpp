@@ -320,9 +320,9 @@ TEST_F(FileServerPeer, SilentOrStalledClientsNeitherBlockOthersNorStayForever)
     EXPECT_TRUE(closed) << "a silent connection stayed open";
     peer::read_to_close(half, 20000, &closed);
     EXPECT_TRUE(closed) << "a half-sent request kept its connection";
-    std::string part = peer::read_to_close(stalled, 20000, &closed);
+    std::string received = peer::read_to_close(stalled, 20000, &closed);
     EXPECT_TRUE(closed) << "a reader that stopped kept its connection";
-    EXPECT_LT(part.size(), big_bytes.size()) << "the stalled reader got the whole file";
+    EXPECT_LT(received.size(), big_bytes.size()) << "the stalled reader got the whole file";
     close(silent);
     close(half);
     close(stalled);
