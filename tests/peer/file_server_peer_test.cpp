@@ -260,6 +260,8 @@ TEST_F(FileServerPeer, RawRequestsGetTheStatusTheirHeadCallsFor)
         {"method of 32 bytes", std::string(32, 'M') + " /small.txt HTTP/1.1\r\n" + close, "400"},
         {"version of 11 bytes", "GET /small.txt HTTP/1.1000\r\n" + close, "200"},
         {"version of 12 bytes", "GET /small.txt HTTP/1.10000\r\n" + close, "400"},
+        {"tabs between the tokens", "GET\t/small.txt\tHTTP/1.1\r\n" + close, "200"},
+        {"words behind the version", "GET /small.txt HTTP/1.1 and more\r\n" + close, "200"},
         {"colon in the path", "GET /a:b HTTP/1.1\r\n" + close, "400"},
         {"absolute form", "GET http://any.host:81/small.txt HTTP/1.1\r\n" + close, "200"},
         {"query ignored", "GET /small.txt?x=1 HTTP/1.1\r\n" + close, "200"},
