@@ -101,6 +101,7 @@ protected:
                            "    location = /r2 { return 302 " + here + "/r3; }\n"
                            "    location = /r3 { return 301 " + here + "/small.txt; }\n"
                            "    location = /loop { return 301 " + here + "/loop; }\n"
+                           "    location = /by-name { return 301 http://localhost:" + port + "/small.txt; }\n"
                            "  }\n}\n";
         peer::write_file(dir_ / "nginx.conf", conf);
         if (!nginx_.start({nginx, "-p", dir_.path(), "-c", dir_ / "nginx.conf"}, dir_ / "logs/stderr.log"))
@@ -141,7 +142,7 @@ TEST_F(NginxPeer, ClientFollowsARedirectChainWithinItsLimit)
         tn_uint32 limit;
         const char *status;
     } rows[] = {{"/r1", 10, "200"}, {"/r1", 3, "200"}, {"/r1", 2, "301"}, {"/r1", 0, "301"},
-                {"/loop", 4, "301"}};
+                {"/loop", 4, "301"}, {"/by-name", 1, "200"}};
     for (const Row &row : rows) {
         SCOPED_TRACE(std::string(row.path) + " limit " + std::to_string(row.limit));
         Fetched f = client_fetch(url(row.path), "GET", row.limit);
