@@ -7,6 +7,7 @@ packages=(
   g++ gcc make cmake ninja-build pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev libuv1-dev liburiparser-dev libhttp-parser-dev
   libxml2-dev libexpat1-dev
+  curl nginx-light wrk libmicrohttpd-dev libcurl4-openssl-dev
 )
 packages+=("$@")
 
