@@ -59,6 +59,41 @@
 
 static const tn_uchar *text(const char *s) { return (const tn_uchar *)s; }
 
+/* The library's live heap blocks, counted through its allocation hooks. The
+ * status line shows them, so that a long run can see the heap come back to
+ * where it stood once the clients have gone. */
+static tn_mutex heap_lock;
+static unsigned long heap_blocks;
+
+static void count_blocks(long change)
+{
+    tn_mutex_lock(&heap_lock);
+    heap_blocks += (unsigned long)change;
+    tn_mutex_unlock(&heap_lock);
+}
+
+static void *counting_alloc(tn_uint32 size)
+{
+    void *block = malloc(size);
+    if (block) count_blocks(1);
+    return block;
+}
+
+static void counting_free(void *block)
+{
+    count_blocks(-1);
+    free(block);
+}
+
+static unsigned long live_blocks(void)
+{
+    unsigned long n;
+    tn_mutex_lock(&heap_lock);
+    n = heap_blocks;
+    tn_mutex_unlock(&heap_lock);
+    return n;
+}
+
 enum stage { STAGE_START_LINE, STAGE_HEADER, STAGE_BODY, STAGE_FILE, STAGE_DRAIN };
 /* What a step leaves the connection to: more bytes, the next step, a
  * writable socket, or its end. */
@@ -648,8 +683,8 @@ static void on_listener(tn_net_task *task)
 static void on_status(tn_time now, tn_time *time, void *user)
 {
     struct server *server = user;
-    fprintf(stderr, "http_file_server: %u connections, %lu requests served\n", server->connections,
-            server->served);
+    fprintf(stderr, "http_file_server: %u connections, %lu requests served, heap blocks %lu\n",
+            server->connections, server->served, live_blocks());
     *time = now + 1;
 }
 
@@ -826,6 +861,9 @@ int main(int argc, char **argv)
     tn_thread thread;
     int ok;
 
+    if (!tn_mutex_create(&heap_lock)) return 1;
+    tn_alloc_set_alloc_handler(counting_alloc);
+    tn_alloc_set_free_handler(counting_free);
     if (!parse_options(argc, argv, &options)) {
         fprintf(stderr, "usage: http_file_server [--port N] [--root DIR] [--max-seconds N] [--idle-seconds N] "
                         "| --demo\n");

@@ -17,14 +17,19 @@ constexpr tn_uint32 status_line_limit = 8192;
 
 const U *held(const tn_input_buffer *b) { return b->storage + b->position; }
 
+// A status token that does not fit fills the caller's four bytes without a
+// terminator; it is emptied then, so the caller never reads past them.
 bool read_tokens(const U *line, tn_uint32 n, U *status)
 {
     tn_input_buffer tokens;
     tn_str_input_buffer_init2(&tokens, line, n);
     U version[version_size];
-    return tn_input_buffer_read_token(&tokens, version, version_size, tn_str_htsp()) &&
-           tn_input_buffer_read_token(&tokens, status, status_size, tn_str_htsp()) &&
-           tn_str_len(status) == status_size - 1;
+    if (tn_input_buffer_read_token(&tokens, version, version_size, tn_str_htsp()) &&
+        tn_input_buffer_read_token(&tokens, status, status_size, tn_str_htsp()) &&
+        tn_str_len(status) == status_size - 1)
+        return true;
+    status[0] = 0;
+    return false;
 }
 
 // The framing of the body, from a complete response head.
