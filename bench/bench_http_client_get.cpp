@@ -15,6 +15,7 @@
 namespace {
 
 const char *target() { return std::getenv("TN_BENCH_HTTP_URL"); }
+const tn_uchar *text(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
 
 void get_tn(benchmark::State &state)
 {
@@ -26,9 +27,9 @@ void get_tn(benchmark::State &state)
     char body[16384];
     tn_uint64 bytes = 0;
     for (auto _ : state) {
-        char status[4];
-        if (!tn_http_client_set_uri(&client, target()) ||
-            !tn_http_client_request(&client, "GET", nullptr, nullptr, status, &response, 5000, 5000, 5000)) {
+        tn_uchar status[4];
+        if (!tn_http_client_set_uri(&client, text(target())) ||
+            !tn_http_client_request(&client, text("GET"), nullptr, nullptr, status, &response, 5000, 5000, 5000)) {
             state.SkipWithError("request failed");
             break;
         }

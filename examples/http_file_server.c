@@ -38,8 +38,10 @@
  * the listing escapes its links by the same rules.
  */
 #define _XOPEN_SOURCE 700
+#define _DEFAULT_SOURCE /* syscall, for the kernel's confined open */
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -50,6 +52,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(__linux__)
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#endif
 
 #include <tarnel_util/tarnel_util.h>
 
@@ -105,6 +111,7 @@ struct server {
     tn_socket listener;
     tn_uint16 port;
     char root[PATH_MAX];
+    int root_fd; /* the root, opened once, for opens confined beneath it */
     tn_time idle_seconds;
     unsigned connections;
     unsigned long served;
@@ -309,38 +316,34 @@ static enum step answer_unsatisfiable(struct connection *c, tn_file file, tn_uin
 
 static enum step send_more(struct connection *c);
 
-static enum step answer_file(struct connection *c, const char *path, tn_bool head)
+static enum step answer_file(struct connection *c, tn_file file, const struct stat *kind, const char *path,
+                             tn_bool head)
 {
-    tn_file file;
-    tn_file_status status;
+    const tn_uint64 size = (tn_uint64)kind->st_size;
+    const tn_time modified = (tn_time)kind->st_mtime;
     tn_http_range range;
     const tn_uchar *range_value = header_value(c, tn_http_header_range());
     const tn_uchar *range_status = NULL;
     tn_bool partial = 0, ok;
 
-    if (!tn_file_open_read(&file, text(path))) return answer_error(c, tn_http_status_forbidden(), 1);
-    if (!tn_file_get_fstatus(file, &status)) {
-        tn_file_close(file);
-        return answer_error(c, tn_http_status_internal_server_error(), 1);
-    }
     range.start = 0;
-    range.length = status.size;
-    if (range_value && status.size > 0) {
-        partial = tn_http_header_parse_range(range_value, status.size, &range, &range_status);
+    range.length = size;
+    if (range_value && size > 0) {
+        partial = tn_http_header_parse_range(range_value, size, &range, &range_status);
         if (!partial && tn_str_diff(range_status, tn_http_status_requested_range_not_satisfiable()) == 0)
-            return answer_unsatisfiable(c, file, status.size);
+            return answer_unsatisfiable(c, file, size);
         if (!partial) { /* malformed: the whole file */
             range.start = 0;
-            range.length = status.size;
+            range.length = size;
         }
     }
     tn_str_array_truncate(&c->reply);
     ok = tn_http_header_set_common_response_header(&c->reply, SERVER_TEXT, c->persistent) &&
          tn_http_header_set_str(&c->reply, tn_http_header_content_type(), text(content_type_of(path)), 1) &&
          tn_http_header_set_uint64(&c->reply, tn_http_header_content_length(), range.length, 1) &&
-         tn_http_header_set_rfc1123_date(&c->reply, tn_http_header_last_modified(), status.modified, 1) &&
+         tn_http_header_set_rfc1123_date(&c->reply, tn_http_header_last_modified(), modified, 1) &&
          tn_http_header_set_str(&c->reply, text("Accept-Ranges"), text("bytes"), 1) &&
-         (!partial || add_content_range(c, &range, status.size)) &&
+         (!partial || add_content_range(c, &range, size)) &&
          tn_http_server_write_status_line(&c->http, partial ? tn_http_status_partial_content() : tn_http_status_ok(),
                                           NULL) &&
          tn_http_server_write_header(&c->http, &c->reply);
@@ -374,12 +377,38 @@ static tn_bool is_inside_root(const struct server *server, const char *resolved)
     return resolved[n] == '\0' || resolved[n] == '/' || (n == 1 && server->root[0] == '/');
 }
 
-/* Maps the request path to a real path under the root; on failure returns
- * the status to answer with. */
-static const tn_uchar *resolve_target(struct connection *c, char *resolved)
+/* Opens a path below the root (joined is the root and relative), refusing
+ * every way out of it: "..", or a symbolic link that leads outside. On
+ * Linux the kernel does it within the one open (RESOLVE_BENEATH); elsewhere,
+ * or on a kernel without it, realpath and a prefix test do, at the price of
+ * a lookup per path component. O_NONBLOCK keeps a FIFO from stalling the
+ * loop; for the files and directories that are served it means nothing. */
+static int open_beneath(const struct server *server, const char *relative, const char *joined)
+{
+    char resolved[PATH_MAX];
+#if defined(__linux__) && defined(SYS_openat2)
+    struct open_how how;
+    long fd;
+
+    memset(&how, 0, sizeof how);
+    how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    fd = syscall(SYS_openat2, server->root_fd, relative[1] ? relative + 1 : ".", &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS) return (int)fd;
+#endif
+    if (!realpath(joined, resolved)) return -1;
+    if (!is_inside_root(server, resolved)) {
+        errno = EXDEV;
+        return -1;
+    }
+    return open(resolved, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+/* Opens what the request path names under the root, and leaves its full
+ * path in joined; on failure returns the status to answer with. */
+static const tn_uchar *open_target(struct connection *c, char *joined, tn_file *file)
 {
     const tn_uchar *raw = tn_uri_get_path(tn_http_server_get_uri(&c->http));
-    char joined[PATH_MAX];
     const char *decoded;
 
     if (!raw || raw[0] != '/') return tn_http_status_bad_request();
@@ -388,30 +417,32 @@ static const tn_uchar *resolve_target(struct connection *c, char *resolved)
     decoded = (const char *)tn_array_get(&c->escaped);
     if (strlen(decoded) + 1 != tn_array_length(&c->escaped)) return tn_http_status_bad_request(); /* an escaped NUL */
     if (has_dot_dot_segment(decoded)) return tn_http_status_forbidden();
-    if ((size_t)snprintf(joined, sizeof joined, "%s%s", c->server->root, decoded) >= sizeof joined)
+    if ((size_t)snprintf(joined, PATH_MAX, "%s%s", c->server->root, decoded) >= PATH_MAX)
         return tn_http_status_request_uri_too_long();
-    if (!realpath(joined, resolved))
-        return errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG ? tn_http_status_not_found()
-                                                                          : tn_http_status_forbidden();
-    return is_inside_root(c->server, resolved) ? NULL : tn_http_status_forbidden();
+    *file = open_beneath(c->server, decoded, joined);
+    if (*file >= 0) return NULL;
+    return errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG ? tn_http_status_not_found()
+                                                                      : tn_http_status_forbidden();
 }
 
 static enum step respond(struct connection *c)
 {
     const tn_uchar *method = tn_http_server_get_method(&c->http);
     tn_bool head = tn_str_diff(method, tn_http_method_head()) == 0;
-    char resolved[PATH_MAX];
+    char joined[PATH_MAX];
     struct stat kind;
     const tn_uchar *status;
+    tn_file file = TN_FILE_INVALID;
 
     if (!head && tn_str_diff(method, tn_http_method_get()) != 0)
         return answer_error(c, tn_http_status_method_not_allowed(), 1);
-    status = resolve_target(c, resolved);
+    status = open_target(c, joined, &file);
     if (status) return answer_error(c, status, 1);
-    /* Opening a FIFO or a device could block the whole loop. */
-    if (stat(resolved, &kind) != 0 || (!S_ISDIR(kind.st_mode) && !S_ISREG(kind.st_mode)))
-        return answer_error(c, tn_http_status_forbidden(), 1);
-    return S_ISDIR(kind.st_mode) ? answer_listing(c, resolved, head) : answer_file(c, resolved, head);
+    if (fstat(file, &kind) != 0) kind.st_mode = 0;
+    if (S_ISREG(kind.st_mode)) return answer_file(c, file, &kind, joined, head);
+    tn_file_close(file);
+    if (S_ISDIR(kind.st_mode)) return answer_listing(c, joined, head);
+    return answer_error(c, tn_http_status_forbidden(), 1);
 }
 
 /* ---- Reading a request --------------------------------------------------- */
@@ -650,6 +681,9 @@ static struct connection *connection_create(struct server *server, tn_socket soc
      * delayed acknowledgement, the second would cost each small answer on a
      * kept connection some 40 ms. */
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &(int){1}, sizeof(int));
+    /* The send buffer is sized once here rather than before every head. */
+    tn_socket_try_reserve_out(socket, TN_HTTP_SERVER_SOCKET_BUFFER_SIZE);
+    tn_http_server_set_socket_buffer_size(&c->http, 0);
     return c;
 }
 
@@ -879,7 +913,8 @@ int main(int argc, char **argv)
         options.port = 0;
         options.max_seconds = 30; /* a bound, should the client hang */
     }
-    if (!realpath(options.root, server.root) || !tn_file_is_dir(text(server.root))) {
+    if (!realpath(options.root, server.root) || !tn_file_is_dir(text(server.root)) ||
+        (server.root_fd = open(server.root, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) < 0) {
         fprintf(stderr, "http_file_server: %s is no directory\n", options.root);
         return 1;
     }
