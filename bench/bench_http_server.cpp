@@ -21,6 +21,8 @@
 
 #include <http_parser.h>
 
+#include "bench_heads.h"
+
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -34,14 +36,7 @@
 
 namespace {
 
-const std::string soap_head = "POST /ctl/ContentDir HTTP/1.1\r\n"
-                              "Host: 10.77.0.1:8200\r\n"
-                              "Content-Type: text/xml; charset=\"utf-8\"\r\n"
-                              "SOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"\r\n"
-                              "User-Agent: Linux/6 UPnP/1.0 tn-interop/0.1\r\n"
-                              "Content-Length: 438\r\n"
-                              "Connection: close\r\n"
-                              "\r\n";
+const std::string &soap_head = tn_bench::soap_request;
 
 void hold(tn_http_server *s, const std::string &bytes)
 {
