@@ -345,6 +345,38 @@ TEST_F(HttpHeader, HostileHeads)
     }
 }
 
+// One call over the held bytes: a line goes to the block only once its
+// follower is complete, and a failed block leaves the same trail as ever.
+TEST_F(HttpHeader, OneCallKeepsEachLineUntilItsFollowerIsComplete)
+{
+    using namespace std::string_literals;
+    const struct { const char *held; bool block_failed; std::string transcript; } rows[] = {
+        {"A: 1\r\n", false, "10 {} [A: 1] "},
+        {"A: 1\r\nB", false, "10 {} [A: 1] B"},
+        {"A: 1\r\nB: 2\r\nC", false, "10 {A: 1|} [B: 2] C"},
+        {"A: 1\r\nB: 2\r\n C", false, "10 {A: 1|} [B: 2]  C"},
+        {"A: 1\r\n\tx\r\nB", false, "10 {} [A: 1\tx] B"},
+        {"A: 1\r\nB: 2\r\n\r", false, "10 {A: 1|} [B: 2] \r"},
+        {"A: 1\r\nno\r\nB: 2\r\n\r\nbody", false, "11 {A: 1|B: 2|} [] body"},
+        {"A: 1\r\nB: 2\r\n\r\n", true, "00 {} [A: 1\0] B: 2\r\n\r\n"s},
+        {"no\r\nB\r\n\r\nbody", true, "11 {} [] body"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(std::string(r.held) + (r.block_failed ? " (failed block)" : ""));
+        release();
+        init();
+        if (r.block_failed) tn_array_fail(&sa.pool);
+        const std::string text(r.held);
+        tn_input_buffer in;
+        tn_str_input_buffer_init2(&in, text.data(), static_cast<tn_uint32>(text.size()));
+        tn_bool done = 0;
+        const tn_bool result = tn_http_header_read_socket(&sa, &in, &ca, &done);
+        EXPECT_EQ(std::to_string(result) + std::to_string(done) + " {" + lines() + "} [" + bytes(ca) + "] " +
+                      text.substr(in.position, in.available),
+                  r.transcript);
+    }
+}
+
 TEST_F(HttpHeader, ReadStrWalksAWholeTextAndKeepsTheLastLine)
 {
     tn_input_buffer b;

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -34,17 +35,16 @@ std::string capture(const char *name)
 struct Conn {
     Pair pair{Pair::kind::tcp};
     tn_http_server s;
-    explicit Conn(tn_int32 read_timeout = 0)
+    explicit Conn(tn_int32 read_timeout = 0, const std::string &request = "")
     {
         EXPECT_TRUE(tn_http_server_init(&s));
-        EXPECT_TRUE(tn_http_server_set_socket2(&s, pair.ours, read_timeout, 2000));
-        pair.ours = -1; // the record owns it now
+        EXPECT_TRUE(tn_http_server_set_socket2(&s, std::exchange(pair.ours, -1), read_timeout, 2000));
+        send(request);
     }
     ~Conn() { tn_http_server_free(&s); }
     void send(const std::string &t) const { ASSERT_EQ(write(pair.peer, t.data(), t.size()), ssize_t(t.size())); }
     void shut() const { shutdown(pair.peer, SHUT_WR); }
     tn_input_buffer *in() { return &s.input.buffer; }
-    std::string held() { return std::string(reinterpret_cast<const char *>(in()->storage + in()->position), in()->available); }
     // What the record sent, up to the shutdown of its sending side.
     std::string wire() const
     {
@@ -67,38 +67,35 @@ struct Conn {
 std::string drive(const std::string &text, const std::vector<size_t> &cuts)
 {
     Conn c;
-    std::vector<std::string> pieces;
-    size_t from = 0, next = 0;
-    for (size_t cut : cuts) pieces.push_back(text.substr(from, cut - from)), from = cut;
-    pieces.push_back(text.substr(from));
-    auto more = [&] {
-        if (next < pieces.size()) c.send(pieces[next++]);
-        else c.shut();
+    std::vector<size_t> ends = cuts;
+    ends.push_back(text.size());
+    size_t next = 0, from = 0;
+    auto more = [&] { // the next piece, or the close after the last
+        if (next == ends.size()) c.shut();
+        else c.send(text.substr(from, ends[next] - from)), from = ends[next++];
         return c.pool();
     };
-    std::string body, outcome;
+    auto until_done = [&](auto reader, const char *fails, const char *closed) -> std::string {
+        for (tn_bool done = 0;;) {
+            if (!reader(&done)) return fails;
+            if (done) return "";
+            if (!more()) return closed;
+        }
+    };
     U uri[256];
-    for (int phase = 0; outcome.empty();) {
-        tn_bool done = 0;
+    std::string body, outcome = until_done(
+        [&](tn_bool *done) { return tn_http_server_read_start_line_nonblock(&c.s, uri, sizeof uri, done); },
+        "start line fails", "closed in start line");
+    if (outcome.empty())
+        outcome = until_done([&](tn_bool *done) { return tn_http_server_read_header_nonblock(&c.s, done); },
+                             "header fails", "closed in header");
+    while (outcome.empty()) {
         tn_uint32 count = 0, ready = 0, mode = c.s.body_mode;
         char data[7];
-        if (phase == 0) {
-            if (!tn_http_server_read_start_line_nonblock(&c.s, uri, sizeof uri, &done)) outcome = "start line fails";
-            else if (done) phase = 1, tn_str_array_truncate(&c.s.header);
-            else if (!more()) outcome = "closed in start line";
-        } else if (phase == 1) {
-            if (!tn_http_server_read_header_nonblock(&c.s, &done)) outcome = "header fails";
-            else if (done) phase = 2;
-            else if (!more()) outcome = "closed in header";
-        } else if (mode == TN_HTTP_SERVER_BODY_UNFRAMED || mode == TN_HTTP_SERVER_BODY_ENDED) {
-            outcome = "ok";
-        } else if (!c.in()->available && !more()) {
-            outcome = "closed in body";
-        } else if (!tn_http_server_read_body_nonblock(&c.s, data, sizeof data, &count, &ready)) {
-            outcome = "body fails";
-        } else {
-            body.append(data, count);
-        }
+        if (mode == TN_HTTP_SERVER_BODY_UNFRAMED || mode == TN_HTTP_SERVER_BODY_ENDED) outcome = "ok";
+        else if (!c.in()->available && !more()) outcome = "closed in body";
+        else if (!tn_http_server_read_body_nonblock(&c.s, data, sizeof data, &count, &ready)) outcome = "body fails";
+        else body.append(data, count);
     }
     std::string lines;
     for (tn_uint32 i = 0; i < tn_str_array_length(&c.s.header); ++i) lines += str(tn_str_array_get_pos(&c.s.header, i)) + "|";
@@ -108,13 +105,8 @@ std::string drive(const std::string &text, const std::vector<size_t> &cuts)
 
 const std::string soap = capture("soap-browse-0.request");
 
-struct RoadCase {
-    const char *name;
-    std::string request, expected;
-};
-
 // clang-format off
-const RoadCase road_cases[] = {
+const struct { const char *name; std::string request, expected; } road_cases[] = {
     {"device description", capture("http-get-device-description.request"),
      "ok GET /rootDesc.xml? HTTP/1.1 mode 3 {Host: 10.77.0.1:8200|User-Agent: Linux/6 UPnP/1.0 tn-interop/0.1|Connection: close|} body {}"},
     {"empty lines skipped", "\r\n\r\nGET /a?b=c HTTP/1.0\r\nHost: x\r\n\r\n", "ok GET /a?b=c HTTP/1.0 mode 3 {Host: x|} body {}"},
@@ -134,15 +126,12 @@ const RoadCase road_cases[] = {
 
 TEST(HttpServerRoad, EveryWayOfCuttingTheRequestReadsTheSame)
 {
-    for (const RoadCase &c : road_cases) {
+    for (const auto &c : road_cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(drive(c.request, {}), c.expected);
         for (const auto &cuts : tn_test::every_split(c.request.size())) {
-            std::string got = drive(c.request, cuts);
-            if (got != c.expected) {
-                ADD_FAILURE() << cuts.size() << " cuts, first at " << (cuts.empty() ? 0 : cuts[0]) << "\n" << got;
-                break;
-            }
+            const std::string got = drive(c.request, cuts);
+            EXPECT_EQ(got, c.expected) << cuts.size() << " cuts, the first at " << (cuts.empty() ? 0 : cuts[0]);
+            if (got != c.expected) break; // one report per request
         }
     }
 }
@@ -151,17 +140,8 @@ const std::string m31(31, 'M'), uri255 = "/" + std::string(254, 'u');
 const tn_uint32 none = TN_HTTP_SERVER_BODY_NONE, length = TN_HTTP_SERVER_BODY_LENGTH,
                 chunked = TN_HTTP_SERVER_BODY_CHUNKED, unframed = TN_HTTP_SERVER_BODY_UNFRAMED;
 
-struct HeadCase {
-    const char *name;
-    std::string line, lines;
-    tn_bool result;
-    std::string method, path, version;
-    tn_uint32 mode;
-    tn_uint64 remaining;
-};
-
 // clang-format off
-const HeadCase head_cases[] = {
+const struct { const char *name; std::string line, lines; tn_bool result; std::string method, path, version; tn_uint32 mode; tn_uint64 remaining; } head_cases[] = {
     {"plain",             "GET / HTTP/1.1",               "",  1, "GET", "/", "HTTP/1.1", unframed, 0},
     {"tabs",              "GET\t/x\tHTTP/1.1",            "",  1, "GET", "/x", "HTTP/1.1", unframed, 0},
     {"fourth token",      "GET / HTTP/1.1 extra",         "",  1, "GET", "/", "HTTP/1.1", unframed, 0},
@@ -191,10 +171,9 @@ const HeadCase head_cases[] = {
 // The blocking reader over whole heads that the peer then closes.
 TEST(HttpServerHead, StartLineLimitsAndFraming)
 {
-    for (const HeadCase &c : head_cases) {
+    for (const auto &c : head_cases) {
         SCOPED_TRACE(c.name + std::string(": ") + c.line);
-        Conn conn(5000);
-        conn.send(c.line + "\r\n" + c.lines + "\r\n");
+        Conn conn(5000, c.line + "\r\n" + c.lines + "\r\n");
         conn.shut();
         EXPECT_EQ(tn_http_server_read_header(&conn.s), c.result);
         EXPECT_EQ(str(conn.s.method), c.method);
@@ -213,8 +192,7 @@ TEST(HttpServerHead, AStartLineMustFitTheInputStorage)
 {
     for (size_t size : {1024u, 1025u, 2000u}) {
         SCOPED_TRACE(size);
-        Conn c;
-        c.send("GET /" + std::string(size - 16, 'a') + " HTTP/1.1\r\n");
+        Conn c(0, "GET /" + std::string(size - 16, 'a') + " HTTP/1.1\r\n");
         std::vector<U> uri(2048);
         tn_bool done = 0, r = 1;
         for (int i = 0; i < 10 && r && !done; ++i) {
@@ -226,8 +204,7 @@ TEST(HttpServerHead, AStartLineMustFitTheInputStorage)
         EXPECT_EQ(r && done, size <= 1024);
     }
     for (const std::string &request : {"GET /" + std::string(1100, 'a'), std::string("GET / HTTP/1.1\r\nHost")}) {
-        Conn c(-1);
-        c.send(request);
+        Conn c(-1, request);
         c.shut();
         tn_elapse watch;
         tn_elapse_start(&watch);
@@ -236,30 +213,21 @@ TEST(HttpServerHead, AStartLineMustFitTheInputStorage)
     }
 }
 
-struct PersistCase {
-    const char *version, *lines;
-    tn_bool persistent;
-};
-
-// clang-format off
-const PersistCase persist_cases[] = {
-    {"HTTP/1.1", "",                           1},
-    {"HTTP/1.1", "Connection: close\r\n",      0},
-    {"HTTP/1.1", "Connection: Close\r\n",      0},
-    {"HTTP/1.1", "Connection: close, x\r\n",   1},
-    {"HTTP/1.1", "Connection: keep-alive\r\n", 1},
-    {"HTTP/1.0", "",                           0},
-    {"HTTP/1.0", "Connection: keep-alive\r\n", 0},
-    {"HTTP/1.2", "",                           1},
-};
-// clang-format on
-
 TEST(HttpServerHead, ThePersistenceTable)
 {
-    for (const PersistCase &c : persist_cases) {
+    const struct { const char *version, *lines; tn_bool persistent; } cases[] = {
+        {"HTTP/1.1", "", 1},
+        {"HTTP/1.1", "Connection: close\r\n", 0},
+        {"HTTP/1.1", "Connection: Close\r\n", 0},
+        {"HTTP/1.1", "Connection: close, x\r\n", 1},
+        {"HTTP/1.1", "Connection: keep-alive\r\n", 1},
+        {"HTTP/1.0", "", 0},
+        {"HTTP/1.0", "Connection: keep-alive\r\n", 0},
+        {"HTTP/1.2", "", 1},
+    };
+    for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.version) + " " + c.lines);
-        Conn conn(5000);
-        conn.send(std::string("GET / ") + c.version + "\r\n" + c.lines + "\r\n");
+        Conn conn(5000, std::string("GET / ") + c.version + "\r\n" + c.lines + "\r\n");
         ASSERT_TRUE(tn_http_server_read_header(&conn.s));
         EXPECT_EQ(tn_http_server_is_persistent_connection_request(&conn.s), c.persistent);
         EXPECT_EQ(tn_http_server_is_request_version_1_0(&conn.s), std::string(c.version) == "HTTP/1.0");
@@ -268,8 +236,7 @@ TEST(HttpServerHead, ThePersistenceTable)
 
 TEST(HttpServerHead, BytesOfTheNextRequestSurviveTheReset)
 {
-    Conn c(5000);
-    c.send("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\nHost: b\r\n\r\n");
+    Conn c(5000, "GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\nHost: b\r\n\r\n");
     ASSERT_TRUE(tn_http_server_read_header(&c.s));
     EXPECT_EQ(str(tn_uri_get_path(&c.s.uri)), "/1");
     tn_http_server_reset(&c.s);
@@ -280,27 +247,18 @@ TEST(HttpServerHead, BytesOfTheNextRequestSurviveTheReset)
     EXPECT_EQ(tn_str_array_length(&c.s.header), 1u);
 }
 
-struct BodyCase {
-    const char *name, *request;
-    std::vector<std::string> reads; // result, data, ready, mode after the call
-    const char *left;
-};
-
-// clang-format off
-const BodyCase body_cases[] = {
-    {"length in pieces", "PUT / HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789GET",
-     {"1 0123 1 1", "1 4567 1 1", "1 89 1 4", "1  1 4"}, "GET"},
-    {"length 0 is no end", "PUT / HTTP/1.1\r\nContent-Length: 0\r\n\r\nGET", {"0  0 5", "0  0 5"}, "GET"},
-    {"no framing, no body", "GET / HTTP/1.1\r\n\r\nxyz", {"0  0 3"}, "xyz"},
-};
-// clang-format on
-
 TEST(HttpServerBody, ReadsByTheMode)
 {
-    for (const BodyCase &c : body_cases) {
+    const struct { const char *name, *request; std::vector<std::string> reads; const char *left; } cases[] = {
+        // Each read as: result, data, ready, mode after the call.
+        {"length in pieces", "PUT / HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789GET",
+         {"1 0123 1 1", "1 4567 1 1", "1 89 1 4", "1  1 4"}, "GET"},
+        {"length 0 is no end", "PUT / HTTP/1.1\r\nContent-Length: 0\r\n\r\nGET", {"0  0 5", "0  0 5"}, "GET"},
+        {"no framing, no body", "GET / HTTP/1.1\r\n\r\nxyz", {"0  0 3"}, "xyz"},
+    };
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Conn conn(5000);
-        conn.send(c.request);
+        Conn conn(5000, c.request);
         ASSERT_TRUE(tn_http_server_read_header(&conn.s));
         for (const std::string &expected : c.reads) {
             char d[4];
@@ -310,40 +268,28 @@ TEST(HttpServerBody, ReadsByTheMode)
                           std::to_string(conn.s.body_mode), expected);
         }
         EXPECT_EQ(tn_http_server_is_request_body_eos(&conn.s), conn.s.body_mode == TN_HTTP_SERVER_BODY_ENDED);
-        EXPECT_EQ(conn.held(), c.left);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(conn.in()->storage + conn.in()->position), conn.in()->available), c.left);
     }
 }
 
-std::string without_date(const std::string &wire) { return std::regex_replace(wire, std::regex("DATE: [^\r]*\r\n"), "DATE: *\r\n"); }
-
-struct ErrorCase {
-    const char *name, *method, *status, *reason;
-    tn_bool persistent;
-    std::string wire;
-};
-
-// clang-format off
-const ErrorCase error_cases[] = {
-    {"404", "GET", "404", nullptr, 0, "HTTP/1.1 404 Not Found\r\nSERVER: s/1\r\nDATE: *\r\nCONNECTION: close\r\n"
-     "CONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Not Found</body></html>\r\n"},
-    {"404 to HEAD", "HEAD", "404", nullptr, 1, "HTTP/1.1 404 Not Found\r\nSERVER: s/1\r\nDATE: *\r\n"
-     "CONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n"},
-    {"unknown status", "GET", "799", nullptr, 1, "HTTP/1.1 799 Error\r\nSERVER: s/1\r\nDATE: *\r\n"
-     "CONTENT-LENGTH: 33\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Error</body></html>\r\n"},
-    {"own reason", "GET", "500", "Gone Fishing", 1, "HTTP/1.1 500 Gone Fishing\r\nSERVER: s/1\r\nDATE: *\r\n"
-     "CONTENT-LENGTH: 40\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Gone Fishing</body></html>\r\n"},
-};
-// clang-format on
-
 TEST(HttpServerWrite, ErrorResponsesByteForByte)
 {
-    for (const ErrorCase &c : error_cases) {
+    const struct { const char *name, *method, *status, *reason; tn_bool persistent; std::string wire; } cases[] = {
+        {"404", "GET", "404", nullptr, 0, "HTTP/1.1 404 Not Found\r\nSERVER: s/1\r\nDATE: *\r\nCONNECTION: close\r\n"
+         "CONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Not Found</body></html>\r\n"},
+        {"404 to HEAD", "HEAD", "404", nullptr, 1, "HTTP/1.1 404 Not Found\r\nSERVER: s/1\r\nDATE: *\r\n"
+         "CONTENT-LENGTH: 37\r\nCONTENT-TYPE: text/html\r\n\r\n"},
+        {"unknown status", "GET", "799", nullptr, 1, "HTTP/1.1 799 Error\r\nSERVER: s/1\r\nDATE: *\r\n"
+         "CONTENT-LENGTH: 33\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Error</body></html>\r\n"},
+        {"own reason", "GET", "500", "Gone Fishing", 1, "HTTP/1.1 500 Gone Fishing\r\nSERVER: s/1\r\nDATE: *\r\n"
+         "CONTENT-LENGTH: 40\r\nCONTENT-TYPE: text/html\r\n\r\n<html><body>Gone Fishing</body></html>\r\n"},
+    };
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Conn conn(5000);
-        conn.send(std::string(c.method) + " / HTTP/1.1\r\n\r\n");
+        Conn conn(5000, std::string(c.method) + " / HTTP/1.1\r\n\r\n");
         ASSERT_TRUE(tn_http_server_read_header(&conn.s));
         EXPECT_TRUE(tn_http_server_write_error_response2(&conn.s, u(c.status), u(c.reason), u("s/1"), c.persistent));
-        EXPECT_EQ(without_date(conn.wire()), c.wire);
+        EXPECT_EQ(std::regex_replace(conn.wire(), std::regex("DATE: [^\r]*\r\n"), "DATE: *\r\n"), c.wire);
     }
 }
 
@@ -383,8 +329,7 @@ TEST(HttpServerWrite, HeadAndChunksByTheRequestsVersion)
     };
     for (const auto &[version, wire] : cases) {
         SCOPED_TRACE(version);
-        Conn conn(5000);
-        conn.send(std::string("GET / ") + version + "\r\n\r\n");
+        Conn conn(5000, std::string("GET / ") + version + "\r\n\r\n");
         ASSERT_TRUE(tn_http_server_read_header(&conn.s));
         EXPECT_TRUE(tn_http_server_write_status_line(&conn.s, tn_http_status_ok(), nullptr));
         EXPECT_TRUE(tn_http_server_write_header(&conn.s, &block));
@@ -410,6 +355,8 @@ struct TempFile {
     ~TempFile() { close(fd), unlink(path.c_str()); }
 };
 
+// A range that the file ends inside: the bytes there are go out, and the
+// call fails at once rather than waiting for bytes that never come.
 TEST(HttpServerWrite, SendFileFlushesTheHeadThenSendsTheRange)
 {
     TempFile f(30000);
@@ -421,24 +368,14 @@ TEST(HttpServerWrite, SendFileFlushesTheHeadThenSendsTheRange)
     EXPECT_TRUE(tn_http_server_write(&c.s, "|", 1));
     EXPECT_TRUE(tn_http_server_send_file_nonblock(&c.s, f.fd, 10, 20, &count));
     EXPECT_EQ(count, 20u);
-    tn_poll_cancel(tn_http_server_get_poll(&c.s));
-    EXPECT_FALSE(tn_http_server_send_file_nonblock(&c.s, f.fd, 30, 20, &count));
-    EXPECT_EQ(c.wire(), "head|" + f.bytes.substr(100, 20000) + "|" + f.bytes.substr(10, 20));
-}
-
-// A file that ends inside the range: the bytes there are go out, and the
-// call fails at once rather than waiting for bytes that never come.
-TEST(HttpServerWrite, SendFileOfARangePastTheEndFailsAndCounts)
-{
-    TempFile f(1000);
-    Conn c;
-    tn_uint64 count = 0;
     tn_elapse watch;
     tn_elapse_start(&watch);
-    EXPECT_FALSE(tn_http_server_send_file(&c.s, f.fd, 600, 1000, &count));
+    EXPECT_FALSE(tn_http_server_send_file(&c.s, f.fd, 29600, 1000, &count));
     EXPECT_LT(tn_elapse_total(&watch), 2000u);
     EXPECT_EQ(count, 400u);
-    EXPECT_EQ(c.wire(), f.bytes.substr(600));
+    tn_poll_cancel(tn_http_server_get_poll(&c.s));
+    EXPECT_FALSE(tn_http_server_send_file_nonblock(&c.s, f.fd, 30, 20, &count));
+    EXPECT_EQ(c.wire(), "head|" + f.bytes.substr(100, 20000) + "|" + f.bytes.substr(10, 20) + f.bytes.substr(29600));
 }
 
 // More than the socket holds: the send waits for the reader between passes.
@@ -464,8 +401,7 @@ TEST(HttpServerThreads, SendFileWaitsForASlowReader)
 
 TEST(HttpServerThreads, ACancelEndsABlockingReadWithinASlice)
 {
-    Conn c(-1);
-    c.send("GET / HT");
+    Conn c(-1, "GET / HT");
     tn_elapse watch;
     tn_elapse_start(&watch);
     std::thread canceller([&] {
@@ -488,8 +424,7 @@ TEST_F(HttpServerAlloc, EveryFailingAllocationGivesACleanFailure)
         EXPECT_EQ(write(pair.peer, request.data(), request.size()), ssize_t(request.size()));
         tn_http_server s;
         if (!tn_http_server_init(&s)) return false;
-        tn_http_server_set_socket2(&s, pair.ours, 5000, 5000);
-        pair.ours = -1;
+        tn_http_server_set_socket2(&s, std::exchange(pair.ours, -1), 5000, 5000);
         bool ok = tn_http_server_read_header(&s) && tn_http_server_write_error_response2(&s, u("404"), nullptr, u("s/1"), 0);
         tn_http_server_free(&s);
         return ok;
