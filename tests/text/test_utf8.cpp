@@ -123,23 +123,19 @@ TEST_F(Utf8, EncodingOfEveryWideUnitAtEveryCapacity)
         SCOPED_TRACE(testing::Message() << "unit " << std::hex << v);
         const tn_wchar c = static_cast<tn_wchar>(v);
         const tn_uint32 size = v < 0x80 ? 1 : v < 0x800 ? 2 : 3;
-        tn_uint32 left = 1, n = 0;
         tn_uchar buf[4] = {0xAA, 0xAA, 0xAA, 0xAA};
-        EXPECT_TRUE(tn_utf8_from_wcs(&c, &left, buf, size + 1, &n));
-        EXPECT_EQ(n, size);
-        EXPECT_EQ(left, 0u);
+        // Room for the sequence and a terminator, exactly the sequence (which it may not reach), none: measuring.
+        for (tn_uint32 cap : {size + 1, size, 9u}) {
+            tn_uint32 left = 1, n = 99;
+            EXPECT_TRUE(tn_utf8_from_wcs(&c, &left, cap < 9 ? buf : nullptr, cap, &n)) << "capacity " << cap;
+            EXPECT_EQ(n, cap == size ? 0 : size) << "capacity " << cap;
+            EXPECT_EQ(left, cap == size ? 1u : 0u) << "capacity " << cap;
+        }
         EXPECT_EQ(buf[size], 0xAA) << "wrote behind the sequence";
         const Seq q = model(buf, size); // the bits, checked against the decoding model
         EXPECT_EQ(q.kind, ok);
         EXPECT_EQ(q.len, size);
         EXPECT_EQ(q.c, c);
-        left = 1;
-        EXPECT_TRUE(tn_utf8_from_wcs(&c, &left, buf, size, &n)) << "exactly the capacity";
-        EXPECT_EQ(n, 0u) << "a sequence may not reach the capacity";
-        EXPECT_EQ(left, 1u);
-        left = 1;
-        EXPECT_TRUE(tn_utf8_from_wcs(&c, &left, nullptr, 0, &n)) << "measuring";
-        EXPECT_EQ(n, size) << "measuring";
         if (HasFailure()) ++bad;
         all.push_back(c);
         encoded.append(reinterpret_cast<char *>(buf), size);
