@@ -121,15 +121,15 @@ struct Model {
     tn_uint32 last_id = 0;
     static tn_scheduled_task *in(std::vector<tn_scheduled_task> &v, tn_uint32 id)
     {
-        const auto t = std::find_if(v.begin(), v.end(), [&](const tn_scheduled_task &x) { return x.id == id; });
-        return t == v.end() ? nullptr : &*t;
+        for (auto &t : v)
+            if (t.id == id) return &t;
+        return nullptr;
     }
     tn_uint32 set(tn_scheduled_task t)
     {
         if (!t.id) t.id = ++last_id ? last_id : (last_id = 1);
         else if (auto *p = in(pending, t.id)) pending.erase(pending.begin() + (p - pending.data()));
-        pending.push_back(t);
-        return t.id;
+        return pending.emplace_back(t).id;
     }
     bool change(tn_uint32 id, tn_time time, bool remove) // a waiting request changes in place
     {
