@@ -228,15 +228,8 @@ const tn_uint32 connected = TN_HTTP_CLIENT_CONNECTED, length = TN_HTTP_CLIENT_BO
                 to_close = TN_HTTP_CLIENT_BODY_TO_CLOSE, chunked = TN_HTTP_CLIENT_BODY_CHUNKED,
                 ended = TN_HTTP_CLIENT_BODY_ENDED, failed = TN_HTTP_CLIENT_FAILED;
 
-struct ResponseCase {
-    const char *name;
-    std::string bytes;
-    tn_bool head;
-    const char *status;
-    tn_uint32 state; // after the head
-    std::string body;
-    tn_uint32 end; // after the body
-};
+// state: after the head; end: after the body.
+struct ResponseCase { const char *name; std::string bytes; tn_bool head; const char *status; tn_uint32 state; std::string body; tn_uint32 end; };
 
 // A real response: its body is what stands behind the head.
 ResponseCase captured(const char *name, const char *status, tn_uint32 end)
