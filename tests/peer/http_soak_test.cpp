@@ -222,7 +222,7 @@ TEST(HttpSoak, ServerAnswersThroughACrowdAndReturnsToItsBaseline)
         << "the server printed no status line";
     const int descriptors = open_descriptors(server.pid());
     auto settled = [&] {
-        return await([&] { return open_descriptors(server.pid()) == descriptors; }, std::chrono::seconds(15));
+        return await([&] { return open_descriptors(server.pid()) == descriptors; }, std::chrono::seconds(40));
     };
     // The heap as the next status line after now reports it.
     auto blocks_now = [&] {
