@@ -43,14 +43,21 @@ struct client {
     clock_type::time_point next_read{};
 };
 
-int open_descriptors(pid_t pid)
+// What the process has open: one entry per descriptor, the link's target.
+std::vector<std::string> open_descriptors(pid_t pid)
 {
-    DIR *directory = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (!directory) return -1;
-    int n = 0;
-    while (dirent *entry = readdir(directory)) n += entry->d_name[0] != '.';
-    closedir(directory);
-    return n;
+    std::vector<std::string> targets;
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored))
+        targets.push_back(std::filesystem::read_symlink(entry.path(), ignored).string());
+    return targets;
+}
+
+std::string listed(const std::vector<std::string> &targets)
+{
+    std::string text;
+    for (const std::string &target : targets) text += " " + target;
+    return text;
 }
 
 // The server's status lines so far, and the live heap blocks of the latest
@@ -220,9 +227,9 @@ TEST(HttpSoak, ServerAnswersThroughACrowdAndReturnsToItsBaseline)
     // The loop opens what it needs before its first status line.
     ASSERT_TRUE(await([&] { return read_status(log).lines > 0; }, std::chrono::seconds(10)))
         << "the server printed no status line";
-    const int descriptors = open_descriptors(server.pid());
+    const size_t descriptors = open_descriptors(server.pid()).size();
     auto settled = [&] {
-        return await([&] { return open_descriptors(server.pid()) == descriptors; }, std::chrono::seconds(40));
+        return await([&] { return open_descriptors(server.pid()).size() == descriptors; }, std::chrono::seconds(40));
     };
     // The heap as the next status line after now reports it.
     auto blocks_now = [&] {
@@ -235,7 +242,7 @@ TEST(HttpSoak, ServerAnswersThroughACrowdAndReturnsToItsBaseline)
     // needs; they keep that size, so the heap is judged against what it
     // held once that crowd had gone.
     run_crowd(port, small, std::chrono::seconds(1));
-    ASSERT_TRUE(settled()) << "descriptors stay open after the first crowd";
+    ASSERT_TRUE(settled()) << "descriptors stay open after the first crowd:" << listed(open_descriptors(server.pid()));
     const long blocks = blocks_now();
 
     crowd load = run_crowd(port, small, length);
@@ -244,7 +251,7 @@ TEST(HttpSoak, ServerAnswersThroughACrowdAndReturnsToItsBaseline)
     for (size_t s = 0; s < load.answered_per_second.size(); ++s)
         EXPECT_GT(load.answered_per_second[s], 0) << "no good client was answered in second " << s;
     EXPECT_TRUE(server.running()) << "the server died";
-    EXPECT_TRUE(settled()) << "descriptors: " << open_descriptors(server.pid()) << " after, " << descriptors
+    EXPECT_TRUE(settled()) << "descriptors: " << listed(open_descriptors(server.pid())) << " after, " << descriptors
                            << " before";
     long after = blocks_now();
     EXPECT_EQ(after, blocks) << "live heap blocks after the crowd, against before";
