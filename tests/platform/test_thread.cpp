@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 #include <pthread.h>
+#include <string>
 #include <sys/resource.h>
 
 namespace {
@@ -25,41 +26,66 @@ std::atomic<bool> parked{false}; // holds the threads that run park until cleare
 void park(void *) { while (parked) std::this_thread::sleep_for(1ms); }
 } // namespace
 
-// One thread per row of the priority table, each parked while its attributes are read and its priority is set,
-// by number or by level, through the record, which must reach that very thread; lowering the niceness needs a
-// privilege that the host may lack. The last is detached. A failed create leaves handle 0, on which all fails.
-TEST_F(Threads, CreateJoinDetachStackSizePriorityAndHandleZero)
+// One parked thread takes every row of the priority table, by level and by number, through the record, which
+// must reach that very thread; lowering the niceness needs a privilege that the host may lack.
+TEST_F(Threads, PriorityByLevelOrNumberReachesTheThread)
 {
     static constexpr int nice_of_level[8] = {0, -20, -10, -5, 0, 5, 10, 19};
-    const struct { tn_int32 number; tn_uint32 level; } rows[] = {
-        {10, 1},
-        {8, 1},
-        {7, 2},
-        {5, 2},
-        {4, 3},
-        {2, 3},
-        {1, 4},
-        {-1, 4},
-        {11, 4},
-        {-11, 4},
-        {-2, 5},
-        {-4, 5},
-        {-5, 6},
-        {-7, 6},
-        {-8, 7},
-        {-10, 7},
-    }; // a number outside -10..10 means normal
-    const tn_uint32 stack_requests[] = {1, 100000, 512 * 1024};
+    // The numbers that give each level, both ends of each range; beyond -10..10 is normal.
+    const struct { tn_uint32 level; tn_int32 numbers[2]; } rows[] = {
+        {1, {10, 8}},
+        {2, {7, 5}},
+        {3, {4, 2}},
+        {4, {1, -1}},
+        {4, {11, -11}},
+        {5, {-2, -4}},
+        {6, {-5, -7}},
+        {7, {-8, -10}},
+    };
+    tn_thread t;
+    parked = true;
+    ASSERT_TRUE(tn_thread_create(&t, 0, park, nullptr));
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << "level " << row.level);
+        const int target = nice_of_level[row.level];
+        // Start above the target where we can; whether the target may be reached is tried by hand.
+        const int was = nice_of(t.tid) < target ? nice_of(t.tid) : 19;
+        renice(t.tid, was);
+        const bool may = target > was || (renice(t.tid, target) && renice(t.tid, was));
+        for (int way = 0; way < 3; ++way) { // by level, then by each number
+            SCOPED_TRACE(way ? "number " + std::to_string(row.numbers[way - 1]) : std::string("by level"));
+            renice(t.tid, was);
+            const tn_bool set = way ? tn_thread_set_priority_numrical(&t, row.numbers[way - 1])
+                                    : tn_thread_set_priority(&t, row.level);
+            EXPECT_EQ(set, may ? 1 : 0);
+            tn_uint32 level = 99;
+            EXPECT_TRUE(tn_thread_get_priority(&t, &level));
+            EXPECT_EQ(level, may ? row.level : 7u);
+            EXPECT_EQ(nice_of(t.tid), may ? target : was) << "the priority did not reach the thread";
+        }
+    }
+    for (tn_uint32 l : {0u, 8u, ~0u}) EXPECT_FALSE(tn_thread_set_priority(&t, l)) << "level " << l;
+    ASSERT_TRUE(renice(t.tid, 15));
+    tn_uint32 level = 99;
+    EXPECT_TRUE(tn_thread_get_priority(&t, &level));
+    EXPECT_EQ(level, 0u) << "niceness 15 is no level";
+    parked = false;
+    EXPECT_TRUE(tn_thread_join(&t));
+}
+
+// The stack is at least what was asked for; join waits for the end. A failed create leaves handle 0, on which
+// all fails. A body that ends its thread itself never returns to the start sequence, which must not hold on to
+// its record.
+TEST_F(Threads, CreateStackSizeDetachJoinAndHandleZero)
+{
+    const struct { tn_uint32 stack; bool detached; } rows[] = {{1, false}, {100000, false}, {512 * 1024, true}};
     const auto before = tn_test::outstanding();
-    for (int i = 0; i < 16; ++i) {
-        SCOPED_TRACE(testing::Message() << "thread " << i << ", number " << rows[i].number);
-        const tn_uint32 request = stack_requests[i % 3];
-        const int target = nice_of_level[rows[i].level];
-        const bool detached = i == 15;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << "stack " << row.stack);
         tn_thread t;
         parked = true;
-        ASSERT_TRUE(tn_thread_create(&t, request, park, nullptr));
-        if (detached) tn_thread_detach(&t);
+        ASSERT_TRUE(tn_thread_create(&t, row.stack, park, nullptr));
+        if (row.detached) tn_thread_detach(&t);
         pthread_attr_t attr;
         size_t size = 0;
         int state = -1;
@@ -67,36 +93,20 @@ TEST_F(Threads, CreateJoinDetachStackSizePriorityAndHandleZero)
         pthread_attr_getstacksize(&attr, &size);
         pthread_attr_getdetachstate(&attr, &state);
         pthread_attr_destroy(&attr);
-        EXPECT_GE(size, request);
+        EXPECT_GE(size, row.stack);
         EXPECT_LT(size, 2u << 20);
-        EXPECT_EQ(state, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
-        // Start above the target where we can; whether the target may be reached is tried by hand.
-        const int was = nice_of(t.tid) < target ? nice_of(t.tid) : 19;
-        renice(t.tid, was);
-        const bool may = target > was || (renice(t.tid, target) && renice(t.tid, was));
-        for (int by_number = i % 2; by_number < 2; ++by_number) { // odd rows by level first, then all by number
-            SCOPED_TRACE(by_number ? "by number" : "by level");
-            const tn_bool set = by_number ? tn_thread_set_priority_numrical(&t, rows[i].number)
-                                          : tn_thread_set_priority(&t, rows[i].level);
-            EXPECT_EQ(set, may ? 1 : 0);
-            tn_uint32 level = 99;
-            EXPECT_TRUE(tn_thread_get_priority(&t, &level));
-            EXPECT_EQ(level, may ? rows[i].level : 7u);
-            EXPECT_EQ(nice_of(t.tid), may ? target : was) << "the priority did not reach the thread";
-        }
-        for (tn_uint32 l : {0u, 8u, ~0u}) EXPECT_FALSE(tn_thread_set_priority(&t, l)) << "level " << l;
-        ASSERT_TRUE(renice(t.tid, 15));
-        tn_uint32 level = 99;
-        EXPECT_TRUE(tn_thread_get_priority(&t, &level));
-        EXPECT_EQ(level, 0u) << "niceness 15 is no level";
+        EXPECT_EQ(state, row.detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
         parked = false;
-        if (!detached) {
+        if (!row.detached) {
             EXPECT_TRUE(tn_thread_join(&t));
             EXPECT_EQ(tn_test::outstanding(), before) << "join did not wait";
         }
     }
     for (auto t0 = steady::now(); tn_test::outstanding() != before && ms_since(t0) < 5000;) // the detached one
         std::this_thread::sleep_for(1ms);
+    tn_thread t;
+    ASSERT_TRUE(tn_thread_create(&t, 0, [](void *) { pthread_exit(nullptr); }, nullptr));
+    EXPECT_TRUE(tn_thread_join(&t));
     tn_thread u{77, 1};
     tn_uint32 level = 99;
     tn_test::fail_nth_allocation(1);
@@ -162,12 +172,4 @@ TEST_F(Threads, SemaphoreCountsStayWithinTheMaximumAndWaitsTimeOutOrTakeALatePos
     tn_semaphore_free(&s);
     tn_semaphore_free(&s);
     tn_semaphore_free(nullptr);
-}
-
-// A body that ends its thread itself never returns to the start sequence, which must not hold on to its record.
-TEST_F(Threads, ABodyThatEndsItsThreadLeavesNothingAllocated)
-{
-    tn_thread t;
-    ASSERT_TRUE(tn_thread_create(&t, 0, [](void *) { pthread_exit(nullptr); }, nullptr));
-    EXPECT_TRUE(tn_thread_join(&t));
 }
