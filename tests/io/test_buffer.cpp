@@ -18,7 +18,10 @@ using Pair = tn_test::SocketPair;
 using std::chrono::milliseconds;
 const tn_uchar *u(const char *s) { return reinterpret_cast<const tn_uchar *>(s); }
 std::string s(const tn_uchar *text) { return reinterpret_cast<const char *>(text); }
-std::string held(const tn_input_buffer &b) { return {reinterpret_cast<const char *>(b.storage) + b.position, b.available}; }
+std::string held(const tn_input_buffer &b)
+{
+    return {reinterpret_cast<const char *>(b.storage) + b.position, b.available};
+}
 bool sound(const tn_input_buffer &b) { return b.position + b.available == b.length && b.position <= b.length; }
 
 // Cuts a text of the given size after steps[0] bytes, then steps[1], ... in turn.
@@ -197,7 +200,7 @@ TEST(OutputBuffer, WritesHandOverTheListedPiecesAndFailedFlushesKeepTheirBytes)
         EXPECT_EQ(w.data.size(), c.held + c.n);
     }
 
-    // An empty storage passes plain writes on and refuses align ones, rather than loop.
+    // An empty storage passes plain writes on and refuses align ones, rather than loop; a copy fails with its write.
     Writer w(16);
     EXPECT_TRUE(tn_output_buffer_writes(&w.b, u("held")));
     w.fail_at = 1;
@@ -212,6 +215,9 @@ TEST(OutputBuffer, WritesHandOverTheListedPiecesAndFailedFlushesKeepTheirBytes)
     EXPECT_TRUE(tn_output_buffer_write(&w.b, "", 0));
     EXPECT_FALSE(tn_output_buffer_write_align(&w.b, "abc", 3));
     EXPECT_EQ(w.data, "heldabc");
+    PieceFeed in("xyz", {}, 4);
+    w.fail_at = w.calls + 1;
+    EXPECT_FALSE(tn_output_buffer_copy(&in.buffer, &w.b)) << "a refused write fails the copy";
 }
 
 TEST(FileBuffer, PositionsSkipsAndWholeWrites)
