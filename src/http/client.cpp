@@ -95,14 +95,6 @@ void drop_connection(tn_http_client *c)
 
 namespace tn::http {
 
-tn_time deadline_after(tn_int32 timeout_ms)
-{
-    if (timeout_ms < 0) return 0;
-    tn_time now = 0;
-    tn_time_msec(&now);
-    return now + timeout_ms;
-}
-
 void attach_buffers(tn_http_client *c)
 {
     tn_socket_input_buffer_init(&c->input, c->input_storage, c->input_size, c->socket, &c->poll, 0);

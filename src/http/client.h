@@ -4,10 +4,9 @@
 
 #include <tarnel_util/tn_http_client.h>
 
-namespace tn::http {
+#include "http/connection.h"
 
-// One absolute deadline for a whole blocking call: 0 means no limit.
-tn_time deadline_after(tn_int32 timeout_ms);
+namespace tn::http {
 
 // Both buffers on the client's socket with time-outs 0, state connected.
 void attach_buffers(tn_http_client *client);

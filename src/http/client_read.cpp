@@ -54,26 +54,11 @@ tn_bool set_framing(tn_http_client *c, const tn_str_array *block)
     return 1;
 }
 
-// Waits for more bytes and takes them in. A refill that brings nothing
-// new means the peer has closed: the step waiting for them never ends.
-bool await_more(tn_http_client *c, const tn_time *deadline)
-{
-    tn_input_buffer *b = tn::http::input_of(c);
-    const tn_uint32 before = b->available;
-    tn_uint32 now = 0;
-    return tn_poll_wait_read_abs(&c->poll, c->socket, deadline) && tn_input_buffer_pool(b, &now) && now > before;
-}
-
-// Runs a non-blocking step until it is done, waiting between attempts.
+// Runs a non-blocking step of the client until it is done.
 template <class Step>
 bool until_done(tn_http_client *c, const tn_time *deadline, Step step)
 {
-    for (;;) {
-        tn_bool done = 0;
-        if (!step(&done)) return false;
-        if (done) return true;
-        if (!await_more(c, deadline)) return false;
-    }
+    return tn::http::until_done(&c->poll, c->socket, tn::http::input_of(c), deadline, step);
 }
 
 bool wait_unless_held(tn_http_client *c, const tn_time *deadline)
@@ -120,15 +105,9 @@ tn_bool tn_http_client_read_status_line_nonblock(tn_http_client *c, tn_uchar *st
     *done = 0;
     if (!c || !status) return 0;
     tn_input_buffer *b = tn::http::input_of(c);
-    tn_uint32 used = 0, n = 0;
-    for (;;) {
-        tn_http_find_line_socket(b, &used, &n);
-        // A full storage without a line end can take no more bytes.
-        if (n == used) return used < b->length;
-        if (n) break;
-        b->position += 2;
-        b->available -= 2;
-    }
+    tn_uint32 n = 0;
+    if (!tn::http::first_line(b, &n)) return 0;
+    if (!n) return 1;
     const U first = held(b)[0];
     if (first == ' ' || first == '\t') return 0;
     if (!read_tokens(held(b), n, status)) return 0;

@@ -86,11 +86,8 @@ bool put_block(tn_http_client *c, const tn_str_array *block)
 template <class Write>
 bool put_chunk(const void *source, tn_uint32 n, Write write)
 {
-    U size[16];
-    tn_uint32 k = tn_str_fmt_xint32(size, n);
-    size[k++] = '\r';
-    size[k++] = '\n';
-    return write(size, k) && (!n || write(source, n)) && write(tn_str_crlf(), 2);
+    U size[10];
+    return write(size, tn::http::chunk_size_line(size, n)) && (!n || write(source, n)) && write(tn_str_crlf(), 2);
 }
 
 tn_bool direct(tn_http_client *c, const void *source, tn_uint32 n)

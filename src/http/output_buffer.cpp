@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include "http/connection.h"
+
 // The socket fields stand where tn_socket_output_buffer has them, so a
 // caller may treat the one record as the other.
 static_assert(offsetof(tn_http_output_buffer, poll) == offsetof(tn_socket_output_buffer, poll));
@@ -35,10 +37,7 @@ tn_bool send_all(const tn_http_output_buffer *b, const void *source, tn_uint32 n
 tn_bool send_size(const tn_http_output_buffer *b, tn_uint32 n)
 {
     U text[10];
-    tn_uint32 k = tn_str_fmt_xint(text, n);
-    text[k] = '\r';
-    text[k + 1] = '\n';
-    return send_all(b, text, k + 2);
+    return send_all(b, text, tn::http::chunk_size_line(text, n));
 }
 
 tn_bool write_op(const void *source, tn_uint32 n, void *context)

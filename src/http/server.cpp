@@ -6,6 +6,8 @@
 #include <tarnel_util/tn_str.h>
 #include <tarnel_util/tn_time.h>
 
+#include "http/connection.h"
+
 namespace {
 
 using U = tn_uchar;
@@ -63,31 +65,6 @@ tn_bool decide_framing(tn_http_server *s)
     if (!tn_str_scan_uint64(length, &value)) return 0;
     s->remaining = value;
     return store(&s->body_mode, TN_HTTP_SERVER_BODY_LENGTH);
-}
-
-// Runs one non-blocking reader until it is done, waiting for readability
-// and pooling between calls, all within one deadline (0: none). A pool that
-// brings nothing new is the peer's close, whether or not bytes are held, so
-// a cut-off head cannot keep the loop spinning.
-template <class Reader>
-tn_bool read_until_done(tn_http_server *s, const tn_time &deadline, Reader reader)
-{
-    for (;;) {
-        tn_bool done = 0;
-        if (!reader(&done)) return 0;
-        if (done) return 1;
-        tn_uint32 held = input(s)->available, count = 0;
-        if (!tn_poll_wait_read_abs(&s->poll, s->socket, &deadline)) return 0;
-        if (!tn_input_buffer_pool(input(s), &count) || count <= held) return 0;
-    }
-}
-
-tn_time deadline_after(tn_int32 timeout)
-{
-    if (timeout < 0) return 0;
-    tn_time now = 0;
-    tn_time_msec(&now);
-    return now + timeout;
 }
 
 tn_bool read_length_body(tn_http_server *s, void *destination, tn_uint32 size, tn_uint32 *count, tn_uint32 *ready)
@@ -194,15 +171,9 @@ tn_bool tn_http_server_read_start_line_nonblock(tn_http_server *s, tn_uchar *uri
     *done = 0;
     if (!s || !uri) return 0;
     tn_input_buffer *in = input(s);
-    tn_uint32 held = 0, n = 0;
-    for (;;) {
-        tn_http_find_line_str(in, &held, &n);
-        // Held bytes that fill the storage without a line end can never
-        // become a line.
-        if (n == held) return held < in->length;
-        if (n) break;
-        tn_input_buffer_skip(in, 2);
-    }
+    tn_uint32 n = 0;
+    if (!tn::http::first_line(in, &n)) return 0;
+    if (!n) return 1;
     const U *text = in->storage + in->position;
     if (text[0] == ' ' || text[0] == '\t') return 0;
     if (!parse_start_line(s, text, n, uri, size)) return 0;
@@ -222,13 +193,12 @@ tn_bool tn_http_server_read_header(tn_http_server *s)
 {
     if (!s) return 0;
     tn_str_array_truncate(&s->header);
-    const tn_time deadline = deadline_after(s->input.read_timeout);
+    const tn_time deadline = tn::http::deadline_after(s->input.read_timeout);
     U uri[TN_HTTP_SERVER_URI_SIZE];
-    return read_until_done(s, deadline,
-                           [&](tn_bool *done) {
-                               return tn_http_server_read_start_line_nonblock(s, uri, sizeof uri, done);
-                           }) &&
-           read_until_done(s, deadline, [&](tn_bool *done) { return tn_http_server_read_header_nonblock(s, done); });
+    auto start_line = [&](tn_bool *done) { return tn_http_server_read_start_line_nonblock(s, uri, sizeof uri, done); };
+    auto header = [&](tn_bool *done) { return tn_http_server_read_header_nonblock(s, done); };
+    return tn::http::until_done(&s->poll, s->socket, input(s), &deadline, start_line) &&
+           tn::http::until_done(&s->poll, s->socket, input(s), &deadline, header);
 }
 
 tn_bool tn_http_server_read_body_nonblock(tn_http_server *s, void *destination, tn_uint32 size, tn_uint32 *count,

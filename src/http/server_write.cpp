@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "http/connection.h"
+
 namespace {
 
 using U = tn_uchar;
@@ -97,10 +99,8 @@ tn_bool tn_http_server_write_chunk(tn_http_server *s, const void *source, tn_uin
     if (!s) return 0;
     if (tn_http_server_is_request_version_1_0(s)) return tn_http_server_write(s, source, n);
     U size_line[10];
-    tn_uint32 k = tn_str_fmt_xint(size_line, n);
-    size_line[k] = '\r';
-    size_line[k + 1] = '\n';
-    return tn_http_server_write(s, size_line, k + 2) && tn_http_server_write(s, source, n) &&
+    return tn_http_server_write(s, size_line, tn::http::chunk_size_line(size_line, n)) &&
+           tn_http_server_write(s, source, n) &&
            tn_http_server_write(s, tn_str_crlf(), 2);
 }
 

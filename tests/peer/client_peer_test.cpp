@@ -21,7 +21,7 @@ namespace {
 
 const tn_uchar *text(const std::string &s) { return reinterpret_cast<const tn_uchar *>(s.c_str()); }
 
-const std::string big_bytes = peer::pattern(3 * 1024 * 1024 + 5, 3);
+const std::string big_bytes = peer::varied_bytes(3 * 1024 * 1024 + 5, 3);
 const std::string small_bytes = "served by nginx\n";
 
 // What one blocking exchange gave.
@@ -292,7 +292,7 @@ private:
 
 TEST(ClientPeer, ChunkedBodyWithOddSizesExtensionsAndTrailers)
 {
-    const std::string expected = peer::pattern(1 + 0x1f + 4093 + 8192 + 3, 4);
+    const std::string expected = peer::varied_bytes(1 + 0x1f + 4093 + 8192 + 3, 4);
     std::string reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     size_t at = 0;
     struct Piece {
@@ -320,7 +320,7 @@ TEST(ClientPeer, ChunkedBodyWithOddSizesExtensionsAndTrailers)
 
 TEST(ClientPeer, ClosedFramedBodyIsReadToTheClose)
 {
-    const std::string expected = peer::pattern(100000, 5);
+    const std::string expected = peer::varied_bytes(100000, 5);
     ScriptedServer server({"HTTP/1.0 200 OK\r\nContent-Type: x/y\r\n\r\n" + expected});
     ASSERT_NE(server.port(), 0);
     Fetched f = client_fetch("http://127.0.0.1:" + std::to_string(server.port()) + "/");

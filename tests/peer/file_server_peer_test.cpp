@@ -12,7 +12,7 @@
 
 namespace {
 
-const std::string big_bytes = peer::pattern(3 * 1000 * 1000 + 17, 1);
+const std::string big_bytes = peer::varied_bytes(3 * 1000 * 1000 + 17, 1);
 const std::string small_bytes = "a small file\n";
 
 std::string lower(std::string s)
@@ -46,7 +46,7 @@ protected:
         peer::write_file(dir_ / "root/sub/a b.txt", "spaced\n");
         peer::write_file(dir_ / "secret.txt", "outside the root\n");
         std::filesystem::create_symlink(dir_ / "secret.txt", dir_ / "root/link.txt");
-        peer::write_file(dir_ / "upload.bin", peer::pattern(200000, 2));
+        peer::write_file(dir_ / "upload.bin", peer::varied_bytes(200000, 2));
         start({});
     }
 

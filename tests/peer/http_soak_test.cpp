@@ -216,9 +216,9 @@ TEST(HttpSoak, ServerAnswersThroughACrowdAndReturnsToItsBaseline)
     peer::TempDir directory;
     std::string root = directory / "root", log = directory / "server.log";
     ASSERT_TRUE(std::filesystem::create_directory(root));
-    std::string small = peer::pattern(1000, 1);
+    std::string small = peer::varied_bytes(1000, 1);
     peer::write_file(root + "/small.bin", small);
-    peer::write_file(root + "/large.bin", peer::pattern(4 << 20, 2));
+    peer::write_file(root + "/large.bin", peer::varied_bytes(4 << 20, 2));
 
     peer::Child server;
     ASSERT_TRUE(server.start({TN_HTTP_FILE_SERVER, "--port", "0", "--root", root}, log));

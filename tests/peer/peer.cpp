@@ -221,13 +221,15 @@ std::string read_file(const std::string &path)
     return bytes.str();
 }
 
-std::string pattern(size_t n, unsigned seed)
+std::string varied_bytes(size_t n, unsigned seed)
 {
     std::string bytes(n, '\0');
-    unsigned state = seed * 2654435761u + 1;
+    uint32_t state = seed + 0x9e37u; // xorshift must not start at 0
     for (size_t i = 0; i < n; ++i) {
-        state = state * 1103515245u + 12345u;
-        bytes[i] = static_cast<char>(state >> 16);
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        bytes[i] = static_cast<char>(state);
     }
     return bytes;
 }

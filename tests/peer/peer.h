@@ -62,7 +62,7 @@ private:
 void write_file(const std::string &path, const std::string &bytes);
 std::string read_file(const std::string &path);
 // Bytes that do not repeat with any short period.
-std::string pattern(size_t n, unsigned seed);
+std::string varied_bytes(size_t n, unsigned seed);
 
 // A free loopback port: bound, read back and released.
 unsigned short free_port();
